@@ -1,0 +1,23 @@
+# Build settings shared by every target of the project.
+
+add_compile_options(-Wall -Wextra -Werror)
+
+if(OVRA_KB_SANITIZE STREQUAL "address")
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+elseif(OVRA_KB_SANITIZE STREQUAL "thread")
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+elseif(NOT OVRA_KB_SANITIZE STREQUAL "")
+  message(FATAL_ERROR "OVRA_KB_SANITIZE must be empty, 'address' or 'thread', not '${OVRA_KB_SANITIZE}'")
+endif()
+
+# Every library source logs under its own base name (without directory or extension).
+function(ovra_kb_name_sources target)
+  get_target_property(sources ${target} SOURCES)
+  foreach(source IN LISTS sources)
+    get_filename_component(base "${source}" NAME_WE)
+    set_property(SOURCE "${source}" TARGET_DIRECTORY ${target} APPEND PROPERTY COMPILE_DEFINITIONS
+                 "OVRA_KB_SOURCE_NAME=\"${base}\"")
+  endforeach()
+endfunction()

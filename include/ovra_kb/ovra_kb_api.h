@@ -1,0 +1,103 @@
+/*
+ * libovra_kb: a blocking C++ interface to a knowledge base written in Python.
+ *
+ * The five functions below are exported under plain (unmangled) names. They take
+ * standard-library types by reference, so the caller must be built with a C++17
+ * compiler against the same C++ standard library ABI as the library (libstdc++).
+ *
+ * Call order: OvraKbInit, then any number of OvraKbSearch / OvraKbWrite / OvraKbDelete
+ * from any thread, then OvraKbFinalize. Several users may each call OvraKbInit; the
+ * Python side starts once and is torn down by the finalisation that matches the first
+ * initialisation still outstanding. Do not finalise while another thread's operation runs,
+ * and do not call search, write, delete or finalise in a process where no OvraKbInit has
+ * ever brought the Python side up (status other than 3).
+ *
+ * Every function returns a status (see the OVRA_KB_* constants below); failures are also
+ * written to the platform log with the Python traceback when Python raised.
+ */
+#ifndef OVRA_KB_OVRA_KB_API_H
+#define OVRA_KB_OVRA_KB_API_H
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "ovra_kb/version.h"
+
+namespace OvraKb {
+
+/* An ordered map from string to string (keys ordered byte-wise). Configuration maps,
+ * error details and every search result row have this type. */
+using StrMap = std::map<std::string, std::string>;
+
+/* Status values returned by every function of this header. */
+constexpr std::uint32_t OVRA_KB_SUCCESS = 0U;
+/* A required configuration key is missing; in a search also: the module's completion
+ * flag could not be tested for truth. */
+constexpr std::uint32_t OVRA_KB_CONFIG_KEY_MISSING = 2U;
+/* The Python side (runtime library, API table, interpreter, modules) could not be brought up. */
+constexpr std::uint32_t OVRA_KB_PYTHON_UNAVAILABLE = 3U;
+/* A configuration value could not be turned into a Python str (for example invalid UTF-8). */
+constexpr std::uint32_t OVRA_KB_VALUE_CONVERSION_FAILED = 4U;
+/* A Python dictionary could not be created. */
+constexpr std::uint32_t OVRA_KB_DICT_CREATION_FAILED = 5U;
+/* The knowledge-base module is missing, its function raised, or its answer was not the expected one. */
+constexpr std::uint32_t OVRA_KB_PYTHON_CALL_FAILED = 6U;
+
+}  // namespace OvraKb
+
+extern "C" {
+
+/*
+ * Brings the Python side up (first caller only; later callers are counted) and calls the
+ * knowledge base's "ovra_kb_init".
+ *   sysConfigMap:  must hold "soc_version" and "core_num" (both passed to Python as text).
+ *   loadConfigMap: must hold "op_bank_path".
+ * Other keys are ignored. Returns 0; 3 when Python could not be brought up (the module is
+ * then not called); 2 for a missing key; 4 for a value that is not valid UTF-8; 5; or 6 when
+ * the module raised or answered anything but the integer 0. A failure after the Python side
+ * came up leaves it up and counted: call OvraKbFinalize to release it.
+ */
+std::uint32_t OvraKbInit(const OvraKb::StrMap &sysConfigMap, const OvraKb::StrMap &loadConfigMap);
+
+/*
+ * Calls the knowledge base's "ovra_kb_finalize"; only if that succeeded, releases one user
+ * of the Python side (the last user stops the interpreter this library started and unloads
+ * the runtime it loaded). Returns 0, or 6 when the module is missing or raised; the Python
+ * side then stays up and a later call tries again.
+ */
+std::uint32_t OvraKbFinalize();
+
+/*
+ * Searches the knowledge base and blocks until the module reports completion.
+ *   keyword:         handed to the module unchanged (up to its first NUL byte).
+ *   searchConfigMap: must hold "op_type"; an optional "search_type" is passed on (None when absent).
+ *   results:         one StrMap per result row is appended; rows already present are kept in front.
+ * Returns 0 (also when the module's result list is empty or not a list); 2 for a missing
+ * "op_type" or a completion flag whose truth test raised; 4; 5; or 6 when the module is
+ * missing, raised, or answered the request with anything but a non-empty str.
+ */
+std::uint32_t OvraKbSearch(const std::string &keyword, const OvraKb::StrMap &searchConfigMap,
+                           std::vector<OvraKb::StrMap> &results);
+
+/*
+ * Writes one record.
+ *   keyword, knowledge: handed to the module unchanged (each up to its first NUL byte).
+ *   writeConfigMap:     must hold "op_type"; other keys are ignored.
+ *   flag:               passed as the integer 1 (true) or 0 (false); the reference knowledge
+ *                       base makes the record durable before returning when it is true.
+ * Returns 0; 2 for a missing "op_type"; 4; 5; or 6 when the module is missing, raised, or
+ * answered anything but the integer 0.
+ */
+std::uint32_t OvraKbWrite(const std::string &keyword, const std::string &knowledge, const OvraKb::StrMap &writeConfigMap,
+                          const bool &flag);
+
+/*
+ * Deletes one record; parameters and statuses as for OvraKbWrite, without knowledge.
+ */
+std::uint32_t OvraKbDelete(const std::string &keyword, const OvraKb::StrMap &writeConfigMap, const bool &flag);
+
+}  // extern "C"
+
+#endif  // OVRA_KB_OVRA_KB_API_H

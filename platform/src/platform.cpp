@@ -1,0 +1,220 @@
+#include "ovra_platform/platform.h"
+
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <mutex>
+#include <string>
+
+namespace {
+
+constexpr int LEVEL_DEBUG = 0;
+constexpr int LEVEL_INFO = 1;
+constexpr int LEVEL_WARNING = 2;
+constexpr int LEVEL_ERROR = 3;
+constexpr int LEVEL_OFF = 4;
+constexpr int LEVEL_EVENT = 16;
+
+struct LogSettings {
+    int threshold = LEVEL_WARNING;
+    bool events = false;
+};
+
+int ParseThreshold(const char *text)
+{
+    if (text == nullptr || *text == '\0') {
+        return LEVEL_WARNING;
+    }
+    static const struct {
+        const char *name;
+        int level;
+    } names[] = {{"debug", LEVEL_DEBUG}, {"info", LEVEL_INFO},   {"warning", LEVEL_WARNING}, {"warn", LEVEL_WARNING},
+                 {"error", LEVEL_ERROR}, {"off", LEVEL_OFF},     {"none", LEVEL_OFF},        {"0", LEVEL_DEBUG},
+                 {"1", LEVEL_INFO},      {"2", LEVEL_WARNING},   {"3", LEVEL_ERROR},         {"4", LEVEL_OFF}};
+    for (const auto &entry : names) {
+        if (strcasecmp(text, entry.name) == 0) {
+            return entry.level;
+        }
+    }
+    return LEVEL_WARNING;
+}
+
+bool ParseSwitch(const char *text)
+{
+    return text != nullptr && (strcmp(text, "1") == 0 || strcasecmp(text, "true") == 0 || strcasecmp(text, "yes") == 0 ||
+                               strcasecmp(text, "on") == 0);
+}
+
+// Read once: the log threshold is a property of the process, and CheckLogLevel runs on hot paths.
+const LogSettings &Settings()
+{
+    static const LogSettings settings = [] {
+        LogSettings s;
+        s.threshold = ParseThreshold(getenv("OVRA_LOG_LEVEL"));
+        s.events = ParseSwitch(getenv("OVRA_LOG_EVENT"));
+        return s;
+    }();
+    return settings;
+}
+
+bool LevelEnabled(int level)
+{
+    const LogSettings &settings = Settings();
+    if (level == LEVEL_EVENT) {
+        return settings.events;
+    }
+    return level >= LEVEL_DEBUG && level <= LEVEL_ERROR && level >= settings.threshold;
+}
+
+const char *LevelName(int level)
+{
+    switch (level) {
+        case LEVEL_DEBUG:
+            return "DEBUG";
+        case LEVEL_INFO:
+            return "INFO";
+        case LEVEL_WARNING:
+            return "WARNING";
+        case LEVEL_ERROR:
+            return "ERROR";
+        case LEVEL_EVENT:
+            return "EVENT";
+        default:
+            return "UNKNOWN";
+    }
+}
+
+std::string Timestamp()
+{
+    struct timeval now {};
+    gettimeofday(&now, nullptr);
+    struct tm local {};
+    localtime_r(&now.tv_sec, &local);
+    char text[64];
+    size_t len = strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &local);
+    snprintf(text + len, sizeof(text) - len, ".%06ld", static_cast<long>(now.tv_usec));
+    return text;
+}
+
+std::string FormatV(const char *fmt, va_list args)
+{
+    va_list copy;
+    va_copy(copy, args);
+    int needed = vsnprintf(nullptr, 0, fmt, copy);
+    va_end(copy);
+    if (needed < 0) {
+        return std::string("<unformattable log message: ") + fmt + ">";
+    }
+    std::string text(static_cast<size_t>(needed) + 1, '\0');
+    vsnprintf(&text[0], text.size(), fmt, args);
+    text.resize(static_cast<size_t>(needed));
+    return text;
+}
+
+// One write(2) per line, so that lines of concurrent threads and processes never interleave.
+void WriteLine(int level, const std::string &message)
+{
+    std::string line = "[" + std::string(LevelName(level)) + "] " + Timestamp() + " pid=" + std::to_string(getpid()) +
+                       " " + message;
+    if (line.empty() || line.back() != '\n') {
+        line += '\n';
+    }
+    const char *data = line.data();
+    size_t left = line.size();
+    while (left > 0) {
+        ssize_t written = write(STDERR_FILENO, data, left);
+        if (written < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return;
+        }
+        data += written;
+        left -= static_cast<size_t>(written);
+    }
+}
+
+std::mutex &ReportsMutex()
+{
+    static std::mutex mutex;
+    return mutex;
+}
+
+std::vector<ErrorManager::Report> &Reports()
+{
+    static std::vector<ErrorManager::Report> reports;
+    return reports;
+}
+
+std::string DescribeDetails(const std::map<std::string, std::string> &args)
+{
+    std::string text = "{";
+    for (const auto &entry : args) {
+        if (text.size() > 1) {
+            text += ", ";
+        }
+        text += entry.first + ": " + entry.second;
+    }
+    return text + "}";
+}
+
+}  // namespace
+
+extern "C" int CheckLogLevel(int moduleId, int level)
+{
+    (void)moduleId;
+    return LevelEnabled(level) ? 1 : 0;
+}
+
+extern "C" void DlogInner(int moduleId, int level, const char *fmt, ...)
+{
+    (void)moduleId;
+    if (fmt == nullptr) {
+        return;
+    }
+    va_list args;
+    va_start(args, fmt);
+    std::string message = FormatV(fmt, args);
+    va_end(args);
+    WriteLine(level, message);
+}
+
+extern "C" int mmGetTid(void)
+{
+    return static_cast<int>(syscall(SYS_gettid));
+}
+
+ErrorManager &ErrorManager::GetInstance()
+{
+    static ErrorManager instance;
+    return instance;
+}
+
+int ErrorManager::ReportErrMessage(std::string errCode, const std::map<std::string, std::string> &args)
+{
+    if (LevelEnabled(LEVEL_ERROR)) {
+        WriteLine(LEVEL_ERROR, "error report " + errCode + " " + DescribeDetails(args));
+    }
+    std::lock_guard<std::mutex> lock(ReportsMutex());
+    Reports().push_back(Report{std::move(errCode), args});
+    return 0;
+}
+
+std::vector<ErrorManager::Report> ErrorManager::GetReports() const
+{
+    std::lock_guard<std::mutex> lock(ReportsMutex());
+    return Reports();
+}
+
+void ErrorManager::ClearReports()
+{
+    std::lock_guard<std::mutex> lock(ReportsMutex());
+    Reports().clear();
+}

@@ -1,0 +1,420 @@
+#include "interface/py_interface.h"
+
+#include <cerrno>
+#include <ctime>
+#include <initializer_list>
+
+#include "common/common.h"
+#include "pyfunc/ovra_kb_pyfunc_mgr.h"
+#include "runtime/handle_manager.h"
+
+namespace OvraKb {
+namespace {
+
+PyObject *KbModule()
+{
+    return Singleton<OvraKbPyfuncMgr>::Instance().GetOvraKbInterface().get();
+}
+
+// Holds the interpreter lock for the life of the object, from any thread.
+class GilGuard {
+public:
+    GilGuard() : state_(PyApi().PyGILState_Ensure()) {}
+    ~GilGuard() { PyApi().PyGILState_Release(state_); }
+    GilGuard(const GilGuard &) = delete;
+    GilGuard &operator=(const GilGuard &) = delete;
+
+private:
+    PyGILState_STATE state_;
+};
+
+bool HasKeys(const StrMap &map, std::initializer_list<const char *> keys)
+{
+    for (const char *key : keys) {
+        if (map.find(key) == map.end()) {
+            return false;
+        }
+    }
+    return true;
+}
+
+PyObject *BuildStr(const char *text)
+{
+    return PyApi().Py_BuildValue("s", text);
+}
+
+bool AllBuilt(const std::vector<PyObject *> &values)
+{
+    for (PyObject *value : values) {
+        if (value == nullptr) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Builds a str for each key's value and stores them only when all were built; the builder's
+// own references are dropped either way.
+bool BuildDictEntries(const StrMap &map, std::initializer_list<const char *> keys, PyObject *dict)
+{
+    std::vector<PyObject *> values;
+    for (const char *key : keys) {
+        values.push_back(BuildStr(map.at(key).c_str()));
+    }
+    bool built = AllBuilt(values);
+    if (built) {
+        size_t index = 0;
+        for (const char *key : keys) {
+            (void)PyApi().PyDict_SetItemString(dict, key, values[index++]);
+        }
+    }
+    PyWrapper::PyObjectDecRefAll(std::move(values));
+    return built;
+}
+
+// Takes the pending exception out of the interpreter, logs its traceback and reports it; the
+// holder returned carries the triple and no object.
+PyObjectPtr CaptureAndReportException()
+{
+    PyObject *type = nullptr;
+    PyObject *value = nullptr;
+    PyObject *traceback = nullptr;
+    HandleManager &api = PyApi();
+    api.PyErr_Fetch(&type, &value, &traceback);
+    api.PyErr_NormalizeException(&type, &value, &traceback);
+    (void)PyWrapper::GetPyException(type, value, traceback);
+    PyObjectPtr exc(nullptr, type, value, traceback);
+    PyErrMessageReport(exc);
+    return exc;
+}
+
+// The reply of a module call, or the captured exception when the call raised.
+PyObjectPtr HoldReply(PyObject *reply)
+{
+    return reply != nullptr ? PyObjectPtr(reply) : CaptureAndReportException();
+}
+
+bool ParsesAsZero(const PyObjectPtr &reply)
+{
+    int code = 0;
+    return PyApi().PyArg_Parse(reply.get(), "i", &code) != 0 && code == 0;
+}
+
+bool IsNonEmptyStr(const PyObjectPtr &obj)
+{
+    const char *text = nullptr;
+    return PyApi().PyArg_Parse(obj.get(), "s", &text) != 0 && text != nullptr && text[0] != '\0';
+}
+
+// One poll interval; a signal does not shorten it.
+void SleepOnePollInterval()
+{
+    struct timespec interval = {0, 1000000};
+    while (nanosleep(&interval, &interval) == -1 && errno == EINTR) {
+    }
+}
+
+// Write and delete: check, lock, argument dictionary, one module call whose answer must be the int 0.
+template <typename CallModule>
+std::uint32_t RunChange(const char *operation, const char *pyFunction, const StrMap &writeConfigMap,
+                        CallModule callModule)
+{
+    std::uint32_t status = CheckSearchConfigMap(writeConfigMap);
+    if (status != OVRA_KB_SUCCESS) {
+        return status;
+    }
+    GilGuard gil;
+    PyObject *dict = PyApi().PyDict_New();
+    if (dict == nullptr) {
+        OVRA_KB_LOG(OVRA_LOG_ERROR, "%s: create new pydict failed.", operation);
+        return OVRA_KB_DICT_CREATION_FAILED;
+    }
+    if (GetParamsFromWriteConfig(writeConfigMap, dict) != OVRA_KB_SUCCESS) {
+        PyWrapper::PyObjectDecRefAll({dict});
+        return OVRA_KB_VALUE_CONVERSION_FAILED;
+    }
+    // The filled dictionary is kept for the life of the process, on purpose.
+    PyObject *module = KbModule();
+    PyObjectPtr reply;
+    if (module != nullptr) {
+        reply = HoldReply(callModule(module, dict));
+    }
+    if (reply.get() == nullptr || !ParsesAsZero(reply)) {
+        OVRA_KB_LOG(OVRA_LOG_ERROR, "Failed to call %s.", pyFunction);
+        return OVRA_KB_PYTHON_CALL_FAILED;
+    }
+    return OVRA_KB_SUCCESS;
+}
+
+enum class PollResult { NOT_FINISHED, FINISHED, CALL_FAILED, FLAG_FAILED };
+
+// One cycle of the search: asks the module once, under the lock, whether the task finished.
+PollResult PollSearchOnce(PyObjectPtr &taskHandle, std::vector<StrMap> &results)
+{
+    HandleManager &api = PyApi();
+    GilGuard gil;
+    PyObject *module = KbModule();
+    PyObjectPtr reply;
+    if (module != nullptr) {
+        reply = HoldReply(api.PyObject_CallMethod(module, "ovra_kb_search_get", "O", taskHandle.get()));
+    }
+    if (reply.get() == nullptr) {
+        taskHandle = PyObjectPtr();
+        OVRA_KB_LOG(OVRA_LOG_ERROR, "Failed to call ovra_kb_search_get.");
+        return PollResult::CALL_FAILED;
+    }
+    PyObject *finished = api.PyTuple_GetItem(reply.get(), 0);
+    // One reference on the flag object is kept on purpose for every cycle.
+    RefCount(finished) += 1;
+    int truth = api.PyObject_IsTrue(finished);
+    if (truth == 1) {
+        PyWrapper::PylistToVec(api.PyTuple_GetItem(reply.get(), 1), results);
+        taskHandle = PyObjectPtr();
+        return PollResult::FINISHED;
+    }
+    if (truth == -1) {
+        taskHandle = PyObjectPtr();
+        OVRA_KB_LOG(OVRA_LOG_ERROR, "ovra_kb_search_get check res failed.");
+        return PollResult::FLAG_FAILED;
+    }
+    return PollResult::NOT_FINISHED;
+}
+
+}  // namespace
+
+std::uint32_t CheckSysConfigMap(const StrMap &sysConfigMap)
+{
+    if (!HasKeys(sysConfigMap, {"soc_version", "core_num"})) {
+        OVRA_KB_LOG(OVRA_LOG_ERROR, "CheckSysConfigMap: Check sysConfigMap Failed!");
+        return OVRA_KB_CONFIG_KEY_MISSING;
+    }
+    return OVRA_KB_SUCCESS;
+}
+
+std::uint32_t CheckLoadConfigMap(const StrMap &loadConfigMap)
+{
+    if (!HasKeys(loadConfigMap, {"op_bank_path"})) {
+        OVRA_KB_LOG(OVRA_LOG_ERROR, "CheckLoadConfigMap: Check loadConfigMap Failed!");
+        return OVRA_KB_CONFIG_KEY_MISSING;
+    }
+    return OVRA_KB_SUCCESS;
+}
+
+std::uint32_t CheckSearchConfigMap(const StrMap &searchConfigMap)
+{
+    if (!HasKeys(searchConfigMap, {"op_type"})) {
+        OVRA_KB_LOG(OVRA_LOG_ERROR, "CheckSearchConfigMap: Check searchConfigMap Failed!");
+        return OVRA_KB_CONFIG_KEY_MISSING;
+    }
+    return OVRA_KB_SUCCESS;
+}
+
+std::uint32_t GetParamsFromSysConfig(const StrMap &sysConfigMap, PyObject *dict)
+{
+    if (!BuildDictEntries(sysConfigMap, {"soc_version", "core_num"}, dict)) {
+        OVRA_KB_LOG(OVRA_LOG_ERROR, "GetSysConfigParams: Py_BuildValue returns nullptr!");
+        return OVRA_KB_VALUE_CONVERSION_FAILED;
+    }
+    return OVRA_KB_SUCCESS;
+}
+
+std::uint32_t GetParamsFromLoadConfig(const StrMap &loadConfigMap, PyObject *dict)
+{
+    if (!BuildDictEntries(loadConfigMap, {"op_bank_path"}, dict)) {
+        OVRA_KB_LOG(OVRA_LOG_ERROR, "GetLoadConfigParams: Py_BuildValue returns nullptr!");
+        return OVRA_KB_VALUE_CONVERSION_FAILED;
+    }
+    return OVRA_KB_SUCCESS;
+}
+
+std::uint32_t GetParamsFromWriteConfig(const StrMap &writeConfigMap, PyObject *dict)
+{
+    if (!BuildDictEntries(writeConfigMap, {"op_type"}, dict)) {
+        OVRA_KB_LOG(OVRA_LOG_ERROR, "GetParamsFromWriteConfig: Py_BuildValue returns nullptr!");
+        return OVRA_KB_VALUE_CONVERSION_FAILED;
+    }
+    return OVRA_KB_SUCCESS;
+}
+
+std::uint32_t GetParamsFromSearchConfig(const StrMap &searchConfigMap, PyObject *dict)
+{
+    HandleManager &api = PyApi();
+    PyObject *opType = BuildStr(searchConfigMap.at("op_type").c_str());
+    PyObject *returnType = BuildStr("str");
+    std::vector<PyObject *> values = {opType, returnType};
+    PyObject *searchType = nullptr;
+    if (searchConfigMap.find("search_type") != searchConfigMap.end()) {
+        searchType = BuildStr(searchConfigMap.at("search_type").c_str());
+        values.push_back(searchType);
+    } else {
+        // This reference on None is never given back: one per search without a search type.
+        searchType = api._Py_NoneStruct;
+        RefCount(searchType) += 1;
+    }
+    if (opType == nullptr || returnType == nullptr || searchType == nullptr) {
+        OVRA_KB_LOG(OVRA_LOG_ERROR, "GetParamsFromSearchConfig: Py_BuildValue returns nullptr!");
+        PyWrapper::PyObjectDecRefAll(std::move(values));
+        return OVRA_KB_VALUE_CONVERSION_FAILED;
+    }
+    (void)api.PyDict_SetItemString(dict, "op_type", opType);
+    (void)api.PyDict_SetItemString(dict, "return_type", returnType);
+    (void)api.PyDict_SetItemString(dict, "search_type", searchType);
+    PyWrapper::PyObjectDecRefAll(std::move(values));
+    return OVRA_KB_SUCCESS;
+}
+
+std::uint32_t OvraKbSearchReq(const std::string &keyword, const StrMap &searchConfigMap, PyObjectPtr &taskHandle)
+{
+    std::uint32_t status = CheckSearchConfigMap(searchConfigMap);
+    if (status != OVRA_KB_SUCCESS) {
+        return status;
+    }
+    HandleManager &api = PyApi();
+    GilGuard gil;
+    // Declared after the guard: the dictionary is dropped while the lock is still held.
+    PyObjectPtr dict(api.PyDict_New());
+    if (dict.get() == nullptr) {
+        OVRA_KB_LOG(OVRA_LOG_ERROR, "OvraKbSearch: create new pydict failed.");
+        return OVRA_KB_DICT_CREATION_FAILED;
+    }
+    if (GetParamsFromSearchConfig(searchConfigMap, dict.get()) != OVRA_KB_SUCCESS) {
+        return OVRA_KB_VALUE_CONVERSION_FAILED;
+    }
+    PyObject *module = KbModule();
+    if (module == nullptr) {
+        taskHandle = PyObjectPtr();
+    } else {
+        taskHandle = HoldReply(api.PyObject_CallMethod(module, "ovra_kb_search_async", "sO", keyword.c_str(), dict.get()));
+    }
+    if (taskHandle.get() == nullptr) {
+        OVRA_KB_LOG(OVRA_LOG_ERROR, "Failed to call ovra_kb_search_async, pyRes is nullptr.");
+        return OVRA_KB_PYTHON_CALL_FAILED;
+    }
+    if (!IsNonEmptyStr(taskHandle)) {
+        OVRA_KB_LOG(OVRA_LOG_ERROR, "Failed to call ovra_kb_search_async, pyRes.get() is invalid.");
+        return OVRA_KB_PYTHON_CALL_FAILED;
+    }
+    return OVRA_KB_SUCCESS;
+}
+
+namespace PyInterface {
+
+std::uint32_t PyInterfaceInit()
+{
+    if (Singleton<OvraKbPyfuncMgr>::Instance().PyObjectInit()) {
+        return OVRA_KB_SUCCESS;
+    }
+    OVRA_KB_LOG(OVRA_LOG_ERROR, "PyObjectInit of OvraKbPyfuncMgr Error!");
+    return OVRA_KB_PYTHON_UNAVAILABLE;
+}
+
+std::uint32_t PyInterfaceDeinit()
+{
+    Singleton<OvraKbPyfuncMgr>::Instance().PyObjectDeinit();
+    return OVRA_KB_SUCCESS;
+}
+
+std::uint32_t OvraKbInit(const StrMap &sysConfigMap, const StrMap &loadConfigMap)
+{
+    std::uint32_t status = CheckSysConfigMap(sysConfigMap);
+    if (status != OVRA_KB_SUCCESS) {
+        return status;
+    }
+    status = CheckLoadConfigMap(loadConfigMap);
+    if (status != OVRA_KB_SUCCESS) {
+        return status;
+    }
+    HandleManager &api = PyApi();
+    GilGuard gil;
+    PyObject *sysDict = api.PyDict_New();
+    if (sysDict == nullptr) {
+        OVRA_KB_LOG(OVRA_LOG_ERROR, "OvraKbInit: create new pydict failed.");
+        return OVRA_KB_DICT_CREATION_FAILED;
+    }
+    if (GetParamsFromSysConfig(sysConfigMap, sysDict) != OVRA_KB_SUCCESS) {
+        PyWrapper::PyObjectDecRefAll({sysDict});
+        return OVRA_KB_VALUE_CONVERSION_FAILED;
+    }
+    PyObject *loadDict = api.PyDict_New();
+    if (loadDict == nullptr) {
+        OVRA_KB_LOG(OVRA_LOG_ERROR, "OvraKbInit: create new pydict failed.");
+        return OVRA_KB_DICT_CREATION_FAILED;
+    }
+    if (GetParamsFromLoadConfig(loadConfigMap, loadDict) != OVRA_KB_SUCCESS) {
+        PyWrapper::PyObjectDecRefAll({loadDict});
+        return OVRA_KB_VALUE_CONVERSION_FAILED;
+    }
+    // From here on both dictionaries are kept for the life of the process, on purpose.
+    PyObject *module = KbModule();
+    if (module == nullptr) {
+        OVRA_KB_LOG(OVRA_LOG_ERROR, "Failed to call ovra_kb_init.");
+        return OVRA_KB_PYTHON_CALL_FAILED;
+    }
+    PyObjectPtr reply = HoldReply(api.PyObject_CallMethod(module, "ovra_kb_init", "OO", sysDict, loadDict));
+    if (reply.get() == nullptr || !ParsesAsZero(reply)) {
+        OVRA_KB_LOG(OVRA_LOG_ERROR, "Failed to call ovra_kb_init.");
+        return OVRA_KB_PYTHON_CALL_FAILED;
+    }
+    return OVRA_KB_SUCCESS;
+}
+
+std::uint32_t OvraKbFinalize()
+{
+    HandleManager &api = PyApi();
+    GilGuard gil;
+    PyObject *module = KbModule();
+    if (module == nullptr) {
+        OVRA_KB_LOG(OVRA_LOG_ERROR, "Failed to call ovra_kb_finalize.");
+        return OVRA_KB_PYTHON_CALL_FAILED;
+    }
+    PyObjectPtr reply = HoldReply(api.PyObject_CallMethod(module, "ovra_kb_finalize", ""));
+    if (reply.get() == nullptr) {
+        OVRA_KB_LOG(OVRA_LOG_ERROR, "Failed to call ovra_kb_finalize.");
+        return OVRA_KB_PYTHON_CALL_FAILED;
+    }
+    return OVRA_KB_SUCCESS;
+}
+
+std::uint32_t OvraKbWrite(const std::string &keyword, const std::string &knowledge, const StrMap &writeConfigMap,
+                          const bool &flag)
+{
+    return RunChange("OvraKbWrite", "ovra_kb_write", writeConfigMap, [&](PyObject *module, PyObject *dict) {
+        return PyApi().PyObject_CallMethod(module, "ovra_kb_write", "ssOi", keyword.c_str(), knowledge.c_str(), dict,
+                                           static_cast<int>(flag));
+    });
+}
+
+std::uint32_t OvraKbDelete(const std::string &keyword, const StrMap &writeConfigMap, const bool &flag)
+{
+    return RunChange("OvraKbDelete", "ovra_kb_delete", writeConfigMap, [&](PyObject *module, PyObject *dict) {
+        return PyApi().PyObject_CallMethod(module, "ovra_kb_delete", "sOi", keyword.c_str(), dict,
+                                           static_cast<int>(flag));
+    });
+}
+
+std::uint32_t OvraKbSearch(const std::string &keyword, const StrMap &searchConfigMap, std::vector<StrMap> &results)
+{
+    // Outlives the request's lock: a handle refused by the request is dropped after the lock is given back.
+    PyObjectPtr taskHandle;
+    std::uint32_t status = OvraKbSearchReq(keyword, searchConfigMap, taskHandle);
+    if (status != OVRA_KB_SUCCESS) {
+        OVRA_KB_LOG(OVRA_LOG_ERROR, "Failed to call OvraKbSearchReq.");
+        return status;
+    }
+    for (;;) {
+        switch (PollSearchOnce(taskHandle, results)) {
+            case PollResult::FINISHED:
+                return OVRA_KB_SUCCESS;
+            case PollResult::CALL_FAILED:
+                return OVRA_KB_PYTHON_CALL_FAILED;
+            case PollResult::FLAG_FAILED:
+                return OVRA_KB_CONFIG_KEY_MISSING;
+            case PollResult::NOT_FINISHED:
+                break;
+        }
+        SleepOnePollInterval();
+    }
+}
+
+}  // namespace PyInterface
+}  // namespace OvraKb

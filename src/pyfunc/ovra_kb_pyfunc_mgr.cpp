@@ -1,0 +1,142 @@
+#include "pyfunc/ovra_kb_pyfunc_mgr.h"
+
+#include <dlfcn.h>
+
+#include "common/common.h"
+#include "runtime/handle_manager.h"
+
+namespace OvraKb {
+namespace {
+
+const char *const KB_INTERFACE_MODULE = "oxe.common.repository_manager.interface";
+const char *const KB_LOG_MODULE = "oxe.common.repository_manager.utils.repository_manager_log";
+
+}  // namespace
+
+std::atomic<std::uint64_t> OvraKbPyfuncMgr::reference_{0};
+std::mutex OvraKbPyfuncMgr::gInitPyFuncMtx_;
+
+// The handle manager is built first so that it is destroyed last: the module reference this
+// object drops at exit is released through the manager's table.
+OvraKbPyfuncMgr::OvraKbPyfuncMgr()
+{
+    (void)PyApi();
+}
+
+void OvraKbPyfuncMgr::PyEnvInit()
+{
+    HandleManager &api = PyApi();
+    if (api.Py_IsInitialized() != 0) {
+        OVRA_KB_LOG(OVRA_LOG_EVENT, "OVRA_KB_Py has already been initialized.");
+        pyAlreadyInited_ = true;
+    } else {
+        OVRA_KB_LOG(OVRA_LOG_EVENT, "Start to run Py_IsInitialized now.");
+        pyAlreadyInited_ = false;
+        api.Py_Initialize();
+    }
+    if (api.PyEval_ThreadsInitialized() == 0) {
+        OVRA_KB_LOG(OVRA_LOG_EVENT, "Start to run PyEval_ThreadsInitialized now.");
+        api.PyEval_InitThreads();
+    }
+    if (api.PyGILState_Check() != 1) {
+        return;
+    }
+    // Park this thread's state so that the global lock is free for every caller thread.
+    OVRA_KB_LOG(OVRA_LOG_EVENT, "Start to run PyEval_SaveThread now.");
+    savedThreadState_ = api.PyEval_SaveThread();
+}
+
+void OvraKbPyfuncMgr::PyEnvDeinit()
+{
+    HandleManager &api = PyApi();
+    if (!pyAlreadyInited_ && api.Py_IsInitialized() != 0) {
+        if (savedThreadState_ != nullptr) {
+            api.PyEval_RestoreThread(savedThreadState_);
+        }
+        api.Py_Finalize();
+    }
+    (void)api.HandleClose();
+    pyAlreadyInited_ = false;
+}
+
+bool OvraKbPyfuncMgr::Init()
+{
+    ovraKbInterface_ = PyWrapper::ImportModule(KB_INTERFACE_MODULE);
+    if (ovraKbInterface_.get() == nullptr) {
+        OVRA_KB_LOG(OVRA_LOG_ERROR, "OVRA_KB import ovraKbInterface_ error");
+        return false;
+    }
+    return true;
+}
+
+bool OvraKbPyfuncMgr::PyObjectInit()
+{
+    OVRA_KB_LOG(OVRA_LOG_EVENT, "OvraKbPyfuncMgr: Enter PyObjectInit, reference_ is %lu!",
+                static_cast<unsigned long>(reference_.load()));
+    std::lock_guard<std::mutex> lock(gInitPyFuncMtx_);
+    if (reference_ != 0) {
+        OVRA_KB_LOG(OVRA_LOG_INFO, "PyObjectInit: PyObject has been initialized, no need to re-initialize!");
+        ++reference_;
+        return true;
+    }
+    HandleManager &api = PyApi();
+    // A runtime already in the global scope (the host's, or one loaded earlier) is used as it is.
+    if (dlsym(RTLD_DEFAULT, "Py_Initialize") == nullptr && !api.LaunchDynamicLib()) {
+        OVRA_KB_LOG(OVRA_LOG_ERROR, "PyObjectInit: Load python error");
+        return false;
+    }
+    if (!api.InitOvraKbFuncs()) {
+        OVRA_KB_LOG(OVRA_LOG_ERROR, "PyObjectInit: Init python funcs error");
+        return false;
+    }
+    PyEnvInit();
+
+    PyGILState_STATE state = api.PyGILState_Ensure();
+    bool result = false;
+    PyWrapper::g_pyFormatExceptionFunc = PyWrapper::GetFormatExcetpionFunc();
+    {
+        PyObjectPtr logModule = PyWrapper::ImportModule(KB_LOG_MODULE);
+        if (logModule.get() == nullptr) {
+            OVRA_KB_LOG(OVRA_LOG_ERROR, "PyObjectInit: Import repository_manager_log error");
+        } else {
+            PyObject *printFunc = api.PyObject_GetAttrString(logModule.get(), "get_py_exception_str");
+            PyObject *uploadFunc = api.PyObject_GetAttrString(logModule.get(), "get_py_exception_dict");
+            if (printFunc == nullptr || uploadFunc == nullptr) {
+                OVRA_KB_LOG(OVRA_LOG_ERROR, "PyObjectInit: pyPrintFunc or pyUploadFunc is nullptr.");
+            } else {
+                PyWrapper::g_pyPrintExceptionFunc = printFunc;
+                PyWrapper::g_pyUploadExceptionFunc = uploadFunc;
+                if (!Init()) {
+                    OVRA_KB_LOG(OVRA_LOG_ERROR, "PyObjectInit: Run Init error.");
+                } else {
+                    OVRA_KB_LOG(OVRA_LOG_EVENT, "OvraKbPyfuncMgr: Run PyObjectInit successfully!");
+                    ++reference_;
+                    result = true;
+                }
+            }
+        }
+        // The log module's reference is dropped here, while the lock is still held.
+    }
+    api.PyGILState_Release(state);
+    return result;
+}
+
+void OvraKbPyfuncMgr::PyObjectDeinit()
+{
+    OVRA_KB_LOG(OVRA_LOG_EVENT, "OvraKbPyfuncMgr: enter PyObjectDeinit function, reference_[%lu]",
+                static_cast<unsigned long>(reference_.load()));
+    std::lock_guard<std::mutex> lock(gInitPyFuncMtx_);
+    --reference_;
+    if (reference_ != 0) {
+        OVRA_KB_LOG(OVRA_LOG_INFO, "PyObject does not need to deinit");
+        return;
+    }
+    HandleManager &api = PyApi();
+    PyGILState_STATE state = api.PyGILState_Ensure();
+    ovraKbInterface_.ResetObject();
+    api.PyGILState_Release(state);
+    PyEnvDeinit();
+    OVRA_KB_LOG(OVRA_LOG_EVENT, "OvraKbPyfuncMgr: PyObjectDeinit function end successfully!");
+}
+
+}  // namespace OvraKb
