@@ -1,0 +1,84 @@
+"""Scripted behaviour and call records for the test knowledge-base packages.
+
+A test writes a JSON script to the file named by OVRA_TEST_SCRIPT: for each function
+name, a list of Python expressions that give the answers of successive calls (the last
+one repeats). An expression sees `args` (the call's arguments), `state` (a dict shared by
+all calls) and the helpers below; `fail(exc)` raises. Without a script entry a function
+gives its default answer.
+
+Every call appends one line to the file named by OVRA_TEST_RECORD:
+    <monotonic ns> <thread ident> <function>(<repr of each argument>)
+"""
+import json
+import os
+import threading
+import time
+
+_lock = threading.Lock()
+_calls = {}
+state = {}
+
+
+class BadBool(object):
+    """A completion flag whose truth test raises."""
+
+    def __bool__(self):
+        raise ValueError("truth of this flag cannot be told")
+
+
+def fail(exc):
+    raise exc
+
+
+def poll_after(handle, not_yet, rows):
+    """Answers (False, []) `not_yet` times for `handle`, then (True, rows)."""
+    with _lock:
+        seen = state.setdefault("polls", {}).get(handle, 0)
+        state["polls"][handle] = seen + 1
+    if seen < not_yet:
+        return (False, [])
+    return (True, rows)
+
+
+def finish_after_ms(handle, delay_ms, rows):
+    """Answers (False, []) until `delay_ms` have passed since the handle was first polled."""
+    now = time.monotonic()
+    with _lock:
+        start = state.setdefault("started", {}).setdefault(handle, now)
+    if (now - start) * 1000.0 < delay_ms:
+        return (False, [])
+    return (True, rows)
+
+
+def _script():
+    path = os.environ.get("OVRA_TEST_SCRIPT")
+    if not path or not os.path.exists(path):
+        return {}
+    with open(path) as handle:
+        return json.load(handle)
+
+
+def _record(name, args):
+    path = os.environ.get("OVRA_TEST_RECORD")
+    if not path:
+        return
+    line = "%d %d %s(%s)\n" % (time.monotonic_ns() if hasattr(time, "monotonic_ns") else int(time.monotonic() * 1e9),
+                               threading.get_ident(), name, ", ".join(repr(a) for a in args))
+    with _lock:
+        with open(path, "a") as handle:
+            handle.write(line)
+
+
+def call(name, args, default):
+    """Records the call and gives the scripted answer (or `default`)."""
+    _record(name, args)
+    answers = _script().get(name)
+    if not answers:
+        return default(*args)
+    with _lock:
+        index = _calls.get(name, 0)
+        _calls[name] = index + 1
+    expression = answers[min(index, len(answers) - 1)]
+    scope = {"args": args, "state": state, "fail": fail, "BadBool": BadBool, "poll_after": poll_after,
+             "finish_after_ms": finish_after_ms, "time": time}
+    return eval(expression, scope)

@@ -1,0 +1,44 @@
+#ifndef OVRA_KB_TESTS_LOG_CAPTURE_H
+#define OVRA_KB_TESTS_LOG_CAPTURE_H
+
+#include <string>
+#include <vector>
+
+// Test programs linked with this code define the platform's log functions themselves, so
+// the library's lines land here instead of on standard error.
+namespace OvraTest {
+
+constexpr int LEVEL_DEBUG = 0;
+constexpr int LEVEL_INFO = 1;
+constexpr int LEVEL_WARNING = 2;
+constexpr int LEVEL_ERROR = 3;
+constexpr int LEVEL_EVENT = 16;
+
+struct LogLine {
+    int module = -1;
+    int level = -1;
+    std::string file;
+    int line = 0;
+    std::string tag;
+    int tid = 0;
+    std::string message;  // the text between the quotes
+    std::string raw;      // the whole formatted line
+};
+
+class LogCapture {
+public:
+    static void Clear();
+    static std::vector<LogLine> Lines();
+    // Messages of one level, in order.
+    static std::vector<std::string> Messages(int level);
+    // Messages of one level from one source file, in order.
+    static std::vector<std::string> Messages(int level, const std::string &file);
+    // Makes CheckLogLevel answer 0 (disabled) or 1 for `level`; every level starts enabled.
+    static void SetEnabled(int level, bool enabled);
+    // Number of CheckLogLevel questions asked so far.
+    static size_t Checks();
+};
+
+}  // namespace OvraTest
+
+#endif  // OVRA_KB_TESTS_LOG_CAPTURE_H

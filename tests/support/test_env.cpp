@@ -1,0 +1,170 @@
+#include "test_env.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+#include "ovra_platform/platform.h"
+
+namespace OvraTest {
+
+std::string TestPython()
+{
+    const char *configured = getenv("OVRA_TEST_PYTHON");
+    return configured != nullptr && *configured != '\0' ? configured : OVRA_TEST_DEFAULT_PYTHON;
+}
+
+std::string PackagesDir()
+{
+    return std::string(OVRA_TEST_SOURCE_DIR) + "/pypkgs";
+}
+
+std::string FixturesBinaryDir()
+{
+    return OVRA_TEST_FIXTURES_BINARY_DIR;
+}
+
+TempDir::TempDir()
+{
+    const char *base = getenv("TMPDIR");
+    std::string pattern = std::string(base != nullptr ? base : "/tmp") + "/ovra_kb_test.XXXXXX";
+    if (mkdtemp(&pattern[0]) == nullptr) {
+        throw std::runtime_error("cannot create a temporary directory from " + pattern);
+    }
+    path_ = pattern;
+}
+
+TempDir::~TempDir()
+{
+    std::string command = "rm -rf '" + path_ + "'";
+    (void)system(command.c_str());
+}
+
+void WriteFile(const std::string &path, const std::string &text, bool executable)
+{
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << text;
+    out.close();
+    if (!out) {
+        throw std::runtime_error("cannot write " + path);
+    }
+    if (executable) {
+        chmod(path.c_str(), 0755);
+    }
+}
+
+std::string ReadFile(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+std::vector<std::string> ReadLines(const std::string &path)
+{
+    std::vector<std::string> lines;
+    std::ifstream in(path);
+    std::string line;
+    while (std::getline(in, line)) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+void PrependToPath(const std::string &dir)
+{
+    const char *current = getenv("PATH");
+    std::string value = dir + (current != nullptr ? ":" + std::string(current) : std::string());
+    setenv("PATH", value.c_str(), 1);
+}
+
+void PutPythonFirstOnPath(const TempDir &dir, const std::string &python)
+{
+    std::string bin = dir.File("python-bin");
+    mkdir(bin.c_str(), 0755);
+    std::string link = bin + "/python3";
+    unlink(link.c_str());
+    if (symlink(python.c_str(), link.c_str()) != 0) {
+        throw std::runtime_error("cannot link " + link + " to " + python);
+    }
+    PrependToPath(bin);
+}
+
+void PutCountingPythonFirstOnPath(const TempDir &dir, const std::string &python, const std::string &counterFile)
+{
+    std::string bin = dir.File("python-bin");
+    mkdir(bin.c_str(), 0755);
+    WriteFile(bin + "/python3", "#!/bin/sh\necho run >> '" + counterFile + "'\nexec '" + python + "' \"$@\"\n", true);
+    PrependToPath(bin);
+}
+
+void UsePackages(std::initializer_list<std::string> packages)
+{
+    std::string value = PackagesDir() + "/support";
+    for (const std::string &package : packages) {
+        value += ":" + PackagesDir() + "/" + package;
+    }
+    setenv("PYTHONPATH", value.c_str(), 1);
+}
+
+Scripted::Scripted(const TempDir &dir) : script_(dir.File("script.json")), record_(dir.File("record.txt"))
+{
+    setenv("OVRA_TEST_SCRIPT", script_.c_str(), 1);
+    setenv("OVRA_TEST_RECORD", record_.c_str(), 1);
+    SetScript("{}");
+}
+
+void Scripted::SetScript(const std::string &json) const
+{
+    WriteFile(script_, json);
+}
+
+std::vector<RecordedCall> Scripted::Calls() const
+{
+    std::vector<RecordedCall> calls;
+    for (const std::string &line : ReadLines(record_)) {
+        std::istringstream fields(line);
+        RecordedCall call;
+        fields >> call.nanoseconds >> call.thread;
+        std::getline(fields >> std::ws, call.call);
+        calls.push_back(call);
+    }
+    return calls;
+}
+
+std::vector<std::string> Scripted::CallsOf(const std::string &function) const
+{
+    std::vector<std::string> out;
+    for (const RecordedCall &call : Calls()) {
+        if (call.call.compare(0, function.size() + 1, function + "(") == 0) {
+            out.push_back(call.call);
+        }
+    }
+    return out;
+}
+
+void Scripted::ClearRecord() const
+{
+    unlink(record_.c_str());
+}
+
+std::vector<std::pair<std::string, OvraKb::StrMap>> ErrorReports()
+{
+    std::vector<std::pair<std::string, OvraKb::StrMap>> out;
+    for (const ErrorManager::Report &report : ErrorManager::GetInstance().GetReports()) {
+        out.emplace_back(report.errCode, report.args);
+    }
+    return out;
+}
+
+void ClearErrorReports()
+{
+    ErrorManager::GetInstance().ClearReports();
+}
+
+}  // namespace OvraTest
