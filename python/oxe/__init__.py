@@ -1,0 +1,1 @@
+"""Top-level namespace of the OXE Python packages."""

@@ -1,0 +1,57 @@
+"""Error codes of the knowledge base and the exception that carries them.
+
+Every failure that a caller can act on is raised as ``RuntimeError`` whose
+only argument is a dictionary of strings with at least "errCode" (one of the
+codes below) and "message" (a sentence that says what to do).  The native
+library hands that dictionary to the platform error manager through
+``repository_manager_log.get_py_exception_dict``.
+"""
+
+INVALID_SOC_VERSION = "OVRA_KB_E001"
+INVALID_CORE_NUM = "OVRA_KB_E002"
+BANK_PATH_UNUSABLE = "OVRA_KB_E003"
+BACKEND_NOT_SUPPORTED = "OVRA_KB_E004"
+INVALID_OP_TYPE = "OVRA_KB_E005"
+UNKNOWN_SEARCH_TYPE = "OVRA_KB_E006"
+NOT_INITIALISED = "OVRA_KB_E007"
+UNKNOWN_TASK = "OVRA_KB_E008"
+INVALID_ARGUMENT = "OVRA_KB_E009"
+STORAGE_FAILURE = "OVRA_KB_E010"
+SCHEMA_TOO_NEW = "OVRA_KB_E011"
+INTERNAL_ERROR = "OVRA_KB_E999"
+
+ALL_CODES = (
+    INVALID_SOC_VERSION,
+    INVALID_CORE_NUM,
+    BANK_PATH_UNUSABLE,
+    BACKEND_NOT_SUPPORTED,
+    INVALID_OP_TYPE,
+    UNKNOWN_SEARCH_TYPE,
+    NOT_INITIALISED,
+    UNKNOWN_TASK,
+    INVALID_ARGUMENT,
+    STORAGE_FAILURE,
+    SCHEMA_TOO_NEW,
+    INTERNAL_ERROR,
+)
+
+
+def kb_error(code, message, **details):
+    """Build the ``RuntimeError`` that this package raises for ``code``.
+
+    ``details`` are extra entries (for instance the offending path); their
+    values are turned into strings so the dictionary stays str -> str.
+    """
+    info = {"errCode": code, "message": message}
+    for key, value in details.items():
+        info[key] = value if isinstance(value, str) else repr(value)
+    return RuntimeError(info)
+
+
+def error_info(exc):
+    """Return the details dictionary of an error raised by :func:`kb_error`, or None."""
+    if type(exc) is RuntimeError and len(exc.args) == 1 and isinstance(exc.args[0], dict):
+        info = exc.args[0]
+        if "errCode" in info:
+            return info
+    return None

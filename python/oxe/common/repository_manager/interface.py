@@ -1,0 +1,290 @@
+"""Entry points of the knowledge base, called by ``libovra_kb.so``.
+
+The native library calls these six functions with the interpreter lock held,
+from any thread, possibly from several threads at once:
+
+* ``ovra_kb_init(sys_dict, load_dict)`` -> 0
+* ``ovra_kb_finalize()``
+* ``ovra_kb_write(keyword, knowledge, config, flag)`` -> 0
+* ``ovra_kb_delete(keyword, config, flag)`` -> 0
+* ``ovra_kb_search_async(keyword, config)`` -> task handle (str)
+* ``ovra_kb_search_get(handle)`` -> (finished, rows)
+
+Failures raise ``RuntimeError`` with a dictionary carrying "errCode" and
+"message" (see :mod:`.errors`).  All state lives in this module, so the
+package survives the interpreter being finalised and started again.
+"""
+
+import atexit
+import threading
+
+from . import errors
+from .storage import bank_identity, open_backend
+from .tasks import TaskRegistry, WorkerPool
+
+# A prefix search with at most this many matches is answered at once; a
+# larger one is read again in full on a worker thread.
+INLINE_PREFIX_LIMIT = 256
+WORKER_THREADS = 2
+
+ALL_OP_TYPES = "*"
+
+SEARCH_EXACT = "exact"
+SEARCH_PREFIX = "prefix"
+SEARCH_ALL = "all"
+
+
+class _Session(object):
+    """The bank and chip configuration in force."""
+
+    __slots__ = ("backend", "identity", "scope")
+
+    def __init__(self, backend, identity, scope):
+        self.backend = backend
+        self.identity = identity
+        self.scope = scope
+
+
+class _KnowledgeBase(object):
+    def __init__(self):
+        self.lock = threading.RLock()
+        self.session = None
+        self.init_count = 0
+        self.tasks = TaskRegistry()
+        self.pool = WorkerPool(WORKER_THREADS)
+
+    def shutdown(self):
+        with self.lock:
+            session, self.session = self.session, None
+            self.pool.stop()
+            self.tasks.clear()
+            if session is not None:
+                session.backend.close()
+
+
+_KB = _KnowledgeBase()
+
+
+def _at_exit():
+    # An interpreter that is finalised while the bank is open (the host skipped
+    # ovra_kb_finalize) still stops the workers and closes the bank cleanly.
+    try:
+        _KB.init_count = 0
+        _KB.shutdown()
+    except Exception:
+        pass
+
+
+atexit.register(_at_exit)
+
+
+# ------------------------------------------------------------------ checks
+def _bad_argument(message, **details):
+    return errors.kb_error(errors.INVALID_ARGUMENT, message, **details)
+
+
+def _require_dict(value, name):
+    if not isinstance(value, dict):
+        raise _bad_argument("%s must be a dictionary, not %s; pass it as a dict of strings."
+                            % (name, type(value).__name__))
+    return value
+
+
+def _check_sys_config(sys_dict):
+    _require_dict(sys_dict, "The system configuration")
+    soc_version = sys_dict.get("soc_version")
+    if not isinstance(soc_version, str) or not soc_version.strip():
+        raise errors.kb_error(
+            errors.INVALID_SOC_VERSION,
+            "soc_version is empty or missing; set soc_version to the chip version, for example Ascend910B.",
+            soc_version=soc_version if soc_version is not None else "",
+        )
+    core_num = sys_dict.get("core_num")
+    text = core_num.strip() if isinstance(core_num, str) else ""
+    if not _ascii_digits(text) or int(text) <= 0:
+        raise errors.kb_error(
+            errors.INVALID_CORE_NUM,
+            "core_num %r is not a positive integer; set core_num to the number of cores, for example 32."
+            % (core_num,),
+            core_num=core_num if core_num is not None else "",
+        )
+    return soc_version.strip(), str(int(text))
+
+
+def _ascii_digits(text):
+    return bool(text) and all("0" <= ch <= "9" for ch in text)
+
+
+def _check_load_config(load_dict):
+    _require_dict(load_dict, "The load configuration")
+    path = load_dict.get("op_bank_path")
+    if not isinstance(path, str) or not path.strip():
+        raise errors.kb_error(
+            errors.BANK_PATH_UNUSABLE,
+            "op_bank_path is empty or missing; set op_bank_path to a writable directory.",
+            op_bank_path=path if isinstance(path, str) else "",
+        )
+    if "\x00" in path:
+        raise errors.kb_error(
+            errors.BANK_PATH_UNUSABLE,
+            "op_bank_path contains a NUL character; set op_bank_path to a writable directory.",
+        )
+    return path
+
+
+def _op_type(config, allow_all=False):
+    if not isinstance(config, dict):
+        raise _bad_argument("The configuration must be a dictionary holding op_type, not %s."
+                            % type(config).__name__)
+    op_type = config.get("op_type")
+    if not isinstance(op_type, str) or not op_type:
+        raise errors.kb_error(
+            errors.INVALID_OP_TYPE,
+            "op_type is empty or missing; set op_type to the operator type, for example MatMul.",
+        )
+    if op_type == ALL_OP_TYPES and not allow_all:
+        raise errors.kb_error(
+            errors.INVALID_OP_TYPE,
+            "op_type '*' only lists records with search_type 'all'; use a real operator type here.",
+        )
+    return op_type
+
+
+def _check_keyword(keyword):
+    if not isinstance(keyword, str) or not keyword:
+        raise _bad_argument("keyword must be a non-empty string; pass the record's keyword.")
+
+
+def _check_flag(flag):
+    if flag is True or flag is False or (type(flag) is int and flag in (0, 1)):
+        return bool(flag)
+    raise _bad_argument("flag %r is invalid; pass 1 to make the change durable at once or 0 otherwise." % (flag,))
+
+
+def _session():
+    session = _KB.session
+    if session is None:
+        raise errors.kb_error(
+            errors.NOT_INITIALISED,
+            "The knowledge base is not initialised; call ovra_kb_init with soc_version, core_num "
+            "and op_bank_path first.",
+        )
+    return session
+
+
+def _not_text(exc):
+    return _bad_argument("A text argument cannot be stored (%s); pass valid Unicode text." % exc)
+
+
+# ---------------------------------------------------------------- functions
+def ovra_kb_init(sys_dict, load_dict):
+    """Open the bank for the chip; may be called any number of times. Returns 0."""
+    soc_version, core_num = _check_sys_config(sys_dict)
+    location = _check_load_config(load_dict)
+    identity = bank_identity(location)
+    kb = _KB
+    with kb.lock:
+        current = kb.session
+        if current is not None and current.identity == identity:
+            backend = current.backend
+        else:
+            backend = open_backend(location)
+            if current is not None:
+                # Another bank now: let queued scans of the old one finish first.
+                kb.pool.stop()
+                current.backend.close()
+        kb.session = _Session(backend, identity, (soc_version, core_num))
+        kb.init_count += 1
+    return 0
+
+
+def ovra_kb_finalize():
+    """Undo one ovra_kb_init; the last one flushes and closes the bank."""
+    kb = _KB
+    with kb.lock:
+        if kb.init_count > 0:
+            kb.init_count -= 1
+        if kb.init_count == 0:
+            kb.shutdown()
+    return 0
+
+
+def ovra_kb_write(keyword, knowledge, config, flag):
+    """Store ``knowledge`` under ``keyword``; flag 1 makes it durable before returning."""
+    session = _session()
+    op_type = _op_type(config)
+    _check_keyword(keyword)
+    if not isinstance(knowledge, str):
+        raise _bad_argument("knowledge must be a string, not %s." % type(knowledge).__name__)
+    durable = _check_flag(flag)
+    try:
+        session.backend.write(session.scope, op_type, keyword, knowledge, durable)
+    except UnicodeError as exc:
+        raise _not_text(exc)
+    return 0
+
+
+def ovra_kb_delete(keyword, config, flag):
+    """Remove the record under ``keyword``; removing a missing record succeeds."""
+    session = _session()
+    op_type = _op_type(config)
+    _check_keyword(keyword)
+    durable = _check_flag(flag)
+    try:
+        session.backend.delete(session.scope, op_type, keyword, durable)
+    except UnicodeError as exc:
+        raise _not_text(exc)
+    return 0
+
+
+def ovra_kb_search_async(keyword, config):
+    """Start a search and return its task handle.
+
+    "search_type" None or "exact": the record whose keyword is ``keyword``;
+    "prefix": records whose keyword starts with it; "all": every record of
+    the op_type (``keyword`` is ignored; op_type "*" means every op type).
+    """
+    session = _session()
+    search_type = config.get("search_type") if isinstance(config, dict) else None
+    op_type = _op_type(config, allow_all=search_type == SEARCH_ALL)
+    return_type = config.get("return_type", "str")
+    if return_type not in (None, "str"):
+        raise _bad_argument("return_type %r is not supported; ask for 'str' results." % (return_type,))
+    backend = session.backend
+    scope = session.scope
+    kb = _KB
+    try:
+        if search_type is None or search_type == SEARCH_EXACT or search_type == "":
+            if not isinstance(keyword, str):
+                raise _bad_argument("keyword must be a string, not %s." % type(keyword).__name__)
+            return kb.tasks.add_finished(backend.exact(scope, op_type, keyword))
+        if search_type == SEARCH_PREFIX:
+            if not isinstance(keyword, str):
+                raise _bad_argument("keyword must be a string, not %s." % type(keyword).__name__)
+            rows = backend.prefix(scope, op_type, keyword, INLINE_PREFIX_LIMIT + 1)
+            if len(rows) <= INLINE_PREFIX_LIMIT:
+                return kb.tasks.add_finished(rows)
+
+            def job():
+                return backend.prefix(scope, op_type, keyword)
+        elif search_type == SEARCH_ALL:
+            target = None if op_type == ALL_OP_TYPES else op_type
+
+            def job():
+                return backend.all(scope, target)
+        else:
+            raise errors.kb_error(
+                errors.UNKNOWN_SEARCH_TYPE,
+                "search_type %r is unknown; use 'exact' (or leave it unset), 'prefix' or 'all'."
+                % (search_type,),
+            )
+    except UnicodeError as exc:
+        raise _not_text(exc)
+    handle, task = kb.tasks.add_pending()
+    kb.pool.submit(lambda: task.run(job))
+    return handle
+
+
+def ovra_kb_search_get(handle):
+    """Poll a search: ``(False, [])`` while it runs, then ``(True, rows)`` once."""
+    return _KB.tasks.take(handle)

@@ -1,0 +1,116 @@
+"""Exception formatting for the native library's log and error reports.
+
+``libovra_kb.so`` calls :func:`get_py_exception_dict` with the (type, value,
+traceback) of every exception raised by the knowledge base and reports the
+returned dictionary to the platform error manager under its "errCode".
+Neither function may raise, and the dictionary holds strings only, whatever
+it is given.
+"""
+
+import traceback
+
+GENERIC_ERROR_CODE = "OVRA_KB_E999"
+
+
+def _clean(text):
+    """An exact ``str`` that UTF-8 can encode and C can read to its end."""
+    if type(text) is not str:
+        text = str.__str__(text)
+    try:
+        text.encode("utf-8")
+    except UnicodeError:
+        text = text.encode("utf-8", "backslashreplace").decode("utf-8")
+    if "\x00" in text:
+        text = text.replace("\x00", "\\x00")
+    return text
+
+
+def _type_name(obj):
+    try:
+        name = type(obj).__name__
+        return name if isinstance(name, str) else "object"
+    except BaseException:
+        return "object"
+
+
+def _text(obj):
+    """str(obj), falling back to repr(obj) and then to a placeholder; never raises."""
+    for convert in (str, repr):
+        try:
+            text = convert(obj)
+            if isinstance(text, str):
+                return _clean(text)
+        except BaseException:
+            pass
+    return "<unprintable %s object>" % _clean(_type_name(obj))
+
+
+def _class_name(exc_type, exc_value):
+    try:
+        if isinstance(exc_type, type):
+            name = exc_type.__name__
+        elif isinstance(exc_value, BaseException):
+            name = type(exc_value).__name__
+        elif exc_type is None:
+            return ""
+        else:
+            name = _text(exc_type)
+        return _clean(name) if isinstance(name, str) else ""
+    except BaseException:
+        return ""
+
+
+def _payload(exc_value):
+    """The details dictionary that an exception carries, if any."""
+    if isinstance(exc_value, dict):
+        return exc_value
+    if isinstance(exc_value, RuntimeError):
+        try:
+            args = exc_value.args
+            if isinstance(args, tuple) and len(args) == 1 and isinstance(args[0], dict):
+                return args[0]
+        except BaseException:
+            pass
+    return None
+
+
+def get_py_exception_str(exc_type=None, exc_value=None, exc_tb=None, *_ignored, **_ignored_kw):
+    """The formatted exception, as ``traceback`` prints it; never raises."""
+    try:
+        if isinstance(exc_value, BaseException) and (exc_type is None or isinstance(exc_type, type)):
+            lines = traceback.format_exception(type(exc_value), exc_value, exc_tb)
+            return _clean("".join(lines))
+    except BaseException:
+        pass
+    name = _class_name(exc_type, exc_value)
+    message = _text(exc_value) if exc_value is not None else ""
+    if name and message:
+        return "%s: %s\n" % (name, message)
+    return (name or message or "unknown error") + "\n"
+
+
+def get_py_exception_dict(exc_type=None, exc_value=None, exc_tb=None, *_ignored, **_ignored_kw):
+    """Error details as a dictionary of strings that always holds "errCode".
+
+    An exception raised by this package (``RuntimeError`` carrying a details
+    dictionary) gives its own entries, code included.  Anything else is
+    reported under the generic code with "error_type" and "message".  A
+    "traceback" entry holds the formatted exception in both cases.
+    """
+    result = {}
+    try:
+        payload = _payload(exc_value)
+        if payload is not None:
+            for key, value in list(payload.items()):
+                result[_text(key)] = _text(value)
+        else:
+            result["error_type"] = _class_name(exc_type, exc_value) or "unknown"
+            result["message"] = _text(exc_value) if exc_value is not None else ""
+        if exc_tb is not None or isinstance(exc_value, BaseException):
+            result.setdefault("traceback", get_py_exception_str(exc_type, exc_value, exc_tb))
+    except BaseException:
+        result.setdefault("message", "the exception could not be described")
+    code = result.get("errCode")
+    if not code:
+        result["errCode"] = GENERIC_ERROR_CODE
+    return result

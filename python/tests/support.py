@@ -1,0 +1,96 @@
+"""Shared helpers of the package tests."""
+
+import contextlib
+import os
+import shutil
+import subprocess
+import sys
+import tempfile
+import textwrap
+import time
+import unittest
+
+PACKAGE_ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+
+from oxe.common.repository_manager import interface  # noqa: E402
+from oxe.common.repository_manager.errors import error_info  # noqa: E402
+
+SYS = {"soc_version": "Ascend910B", "core_num": "32"}
+
+
+def child_env():
+    env = dict(os.environ)
+    env["PYTHONPATH"] = PACKAGE_ROOT + (os.pathsep + env["PYTHONPATH"] if env.get("PYTHONPATH") else "")
+    env["PYTHONDONTWRITEBYTECODE"] = "1"
+    return env
+
+
+def start_python(code, *args):
+    """Start ``sys.executable`` running ``code`` (dedented) with the package importable."""
+    return subprocess.Popen(
+        [sys.executable, "-c", textwrap.dedent(code)] + [str(a) for a in args],
+        env=child_env(),
+        stdout=subprocess.PIPE,
+        stderr=subprocess.PIPE,
+        universal_newlines=True,
+    )
+
+
+def run_python(code, *args, timeout=120):
+    """Run ``code`` in a new interpreter; return its stdout, failing the test on a non-zero exit."""
+    proc = start_python(code, *args)
+    out, err = proc.communicate(timeout=timeout)
+    if proc.returncode != 0:
+        raise AssertionError("child exited with %s\nstdout:\n%s\nstderr:\n%s" % (proc.returncode, out, err))
+    return out
+
+
+def wait_for(handle, timeout=30.0):
+    """Poll a search like the native library does; return (polls, rows)."""
+    deadline = time.monotonic() + timeout
+    polls = 0
+    while True:
+        finished, rows = interface.ovra_kb_search_get(handle)
+        polls += 1
+        if finished:
+            return polls, rows
+        if time.monotonic() > deadline:
+            raise AssertionError("search %s did not finish in %.0f s" % (handle, timeout))
+        time.sleep(0.001)
+
+
+def search(keyword, op_type, search_type=None):
+    handle = interface.ovra_kb_search_async(
+        keyword, {"op_type": op_type, "return_type": "str", "search_type": search_type})
+    return wait_for(handle)[1]
+
+
+class KbTestCase(unittest.TestCase):
+    """Gives each test its own bank directory and leaves the package finalised."""
+
+    def setUp(self):
+        self.tmp = tempfile.mkdtemp(prefix="ovra_kb_test_")
+        self.bank = os.path.join(self.tmp, "bank")
+        self.addCleanup(shutil.rmtree, self.tmp, True)
+        self.addCleanup(self._finalize_all)
+
+    @staticmethod
+    def _finalize_all():
+        for _ in range(64):
+            interface.ovra_kb_finalize()
+
+    def init(self, bank=None, **sys_overrides):
+        sys_dict = dict(SYS, **sys_overrides)
+        self.assertEqual(interface.ovra_kb_init(sys_dict, {"op_bank_path": bank or self.bank}), 0)
+
+    @contextlib.contextmanager
+    def assertKbError(self, code):
+        with self.assertRaises(RuntimeError) as caught:
+            yield caught
+        info = error_info(caught.exception)
+        self.assertIsNotNone(info, "not a knowledge-base error: %r" % (caught.exception,))
+        self.assertEqual(info["errCode"], code, info)
+        self.assertTrue(info.get("message"), info)
+        for key, value in info.items():
+            self.assertIs(type(key), str)
+            self.assertIs(type(value), str)
