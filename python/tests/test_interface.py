@@ -44,7 +44,7 @@ class InitTest(KbTestCase):
             ({"soc_version": "A", "core_num": "\u0663"}, None, errors.INVALID_CORE_NUM),
             ({"soc_version": "A"}, None, errors.INVALID_CORE_NUM),
             (SYS, {"op_bank_path": ""}, errors.BANK_PATH_UNUSABLE),
-            (SYS, {}, errors.BANK_PATH_UNUSABLE),
+            (SYS, {"path": "wrong key"}, errors.BANK_PATH_UNUSABLE),
             (SYS, {"op_bank_path": os.path.join(blocker, "bank")}, errors.BANK_PATH_UNUSABLE),
             (SYS, {"op_bank_path": blocker}, errors.BANK_PATH_UNUSABLE),
             (SYS, {"op_bank_path": "postgresql://kb@localhost/kb"}, errors.BACKEND_NOT_SUPPORTED),

@@ -205,7 +205,7 @@ class ThreadTest(BackendTestCase):
 
     def test_durable_write_commits_with_full_sync(self):
         statements = []
-        self.backend._writer.set_trace_callback(statements.append)
+        self.backend._writer.set_trace_callback(lambda statement: statements.append(statement))
         self.backend.write(SCOPE, "Op", "fast", "v", False)
         self.backend.write(SCOPE, "Op", "safe", "v", True)
         inserts = [i for i, s in enumerate(statements) if s.startswith("INSERT")]

@@ -11,6 +11,28 @@ namespace {
 const char *const KB_INTERFACE_MODULE = "oxe.common.repository_manager.interface";
 const char *const KB_LOG_MODULE = "oxe.common.repository_manager.utils.repository_manager_log";
 
+// Before it finalises, Python joins the threading module's main thread, which is the thread that
+// first imported threading. Finalising from any other thread would wait for ever on some
+// runtimes, so the finalising thread takes that identity over. The caller holds the lock.
+const char *const ADOPT_THREADING_MAIN_THREAD =
+    "import sys\n"
+    "threading = sys.modules.get('threading')\n"
+    "main = getattr(threading, '_main_thread', None)\n"
+    "if main is not None and getattr(main, '_ident', None) not in (None, threading.get_ident()):\n"
+    "    main._ident = threading.get_ident()\n";
+
+void AdoptThreadingMainThread()
+{
+    HandleManager &api = PyApi();
+    PyObjectPtr builtins(api.PyImport_ImportModule("builtins"));
+    PyObjectPtr result(builtins.get() == nullptr ? nullptr
+                                                 : api.PyObject_CallMethod(builtins.get(), "exec", "s{}",
+                                                                           ADOPT_THREADING_MAIN_THREAD));
+    if (result.get() == nullptr) {
+        api.PyErr_Print();
+    }
+}
+
 }  // namespace
 
 std::atomic<std::uint64_t> OvraKbPyfuncMgr::reference_{0};
@@ -53,6 +75,7 @@ void OvraKbPyfuncMgr::PyEnvDeinit()
         if (savedThreadState_ != nullptr) {
             api.PyEval_RestoreThread(savedThreadState_);
         }
+        AdoptThreadingMainThread();
         api.Py_Finalize();
     }
     (void)api.HandleClose();

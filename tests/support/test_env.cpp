@@ -128,6 +128,9 @@ std::vector<RecordedCall> Scripted::Calls() const
 {
     std::vector<RecordedCall> calls;
     for (const std::string &line : ReadLines(record_)) {
+        if (line.compare(0, 5, "note ") == 0) {
+            continue;
+        }
         std::istringstream fields(line);
         RecordedCall call;
         fields >> call.nanoseconds >> call.thread;
@@ -146,6 +149,17 @@ std::vector<std::string> Scripted::CallsOf(const std::string &function) const
         }
     }
     return out;
+}
+
+std::vector<std::string> Scripted::Notes() const
+{
+    std::vector<std::string> notes;
+    for (const std::string &line : ReadLines(record_)) {
+        if (line.compare(0, 5, "note ") == 0) {
+            notes.push_back(line.substr(5));
+        }
+    }
+    return notes;
 }
 
 void Scripted::ClearRecord() const

@@ -59,6 +59,8 @@ public:
     std::vector<RecordedCall> Calls() const;
     // Only the calls of one function, as text.
     std::vector<std::string> CallsOf(const std::string &function) const;
+    // The texts of the module's note(...) lines, in order.
+    std::vector<std::string> Notes() const;
     void ClearRecord() const;
 
 private:

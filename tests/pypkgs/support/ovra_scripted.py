@@ -8,9 +8,11 @@ gives its default answer.
 
 Every call appends one line to the file named by OVRA_TEST_RECORD:
     <monotonic ns> <thread ident> <function>(<repr of each argument>)
+and `note(text)` adds "note <text>" lines.
 """
 import json
 import os
+import sys
 import threading
 import time
 
@@ -30,24 +32,34 @@ def fail(exc):
     raise exc
 
 
-def poll_after(handle, not_yet, rows):
-    """Answers (False, []) `not_yet` times for `handle`, then (True, rows)."""
+def _answer(answer):
+    return answer() if callable(answer) else answer
+
+
+def poll_after(handle, not_yet, answer):
+    """Answers (False, []) `not_yet` times for `handle`, then `answer` (called when callable)."""
     with _lock:
         seen = state.setdefault("polls", {}).get(handle, 0)
         state["polls"][handle] = seen + 1
     if seen < not_yet:
         return (False, [])
-    return (True, rows)
+    return _answer(answer)
 
 
-def finish_after_ms(handle, delay_ms, rows):
-    """Answers (False, []) until `delay_ms` have passed since the handle was first polled."""
+def finish_after_ms(handle, delay_ms, answer):
+    """Answers (False, []) until `delay_ms` have passed since the handle was first polled, then `answer`."""
     now = time.monotonic()
     with _lock:
         start = state.setdefault("started", {}).setdefault(handle, now)
     if (now - start) * 1000.0 < delay_ms:
         return (False, [])
-    return (True, rows)
+    return _answer(answer)
+
+
+def note(text, answer=0):
+    """Adds a line "note <text>" to the record and gives `answer`."""
+    _write_record("note %s\n" % text)
+    return answer
 
 
 def _script():
@@ -58,15 +70,18 @@ def _script():
         return json.load(handle)
 
 
-def _record(name, args):
+def _write_record(line):
     path = os.environ.get("OVRA_TEST_RECORD")
     if not path:
         return
-    line = "%d %d %s(%s)\n" % (time.monotonic_ns() if hasattr(time, "monotonic_ns") else int(time.monotonic() * 1e9),
-                               threading.get_ident(), name, ", ".join(repr(a) for a in args))
     with _lock:
         with open(path, "a") as handle:
             handle.write(line)
+
+
+def _record(name, args):
+    now = time.monotonic_ns() if hasattr(time, "monotonic_ns") else int(time.monotonic() * 1e9)
+    _write_record("%d %d %s(%s)\n" % (now, threading.get_ident(), name, ", ".join(repr(a) for a in args)))
 
 
 def call(name, args, default):
@@ -80,5 +95,6 @@ def call(name, args, default):
         _calls[name] = index + 1
     expression = answers[min(index, len(answers) - 1)]
     scope = {"args": args, "state": state, "fail": fail, "BadBool": BadBool, "poll_after": poll_after,
-             "finish_after_ms": finish_after_ms, "time": time}
+             "finish_after_ms": finish_after_ms, "note": note, "time": time, "sys": sys,
+             "default": lambda: default(*args)}
     return eval(expression, scope)
