@@ -1,0 +1,30 @@
+#!/bin/sh
+# Checks the built library's linkage: five plain exported names, the platform functions left
+# to the platform library, no Python library needed and no Python headers used.
+#   check_library.sh LIBRARY COMPILE_COMMANDS_JSON
+set -u
+lib=$1
+commands=$2
+status=0
+fail() { echo "FAIL: $*"; status=1; }
+
+plain=$(nm -D --defined-only "$lib" | awk '$2 == "T" || $2 == "W" { print $3 }' | grep -v '^_Z' | sort | tr '\n' ' ')
+[ "$plain" = "OvraKbDelete OvraKbFinalize OvraKbInit OvraKbSearch OvraKbWrite " ] ||
+    fail "unmangled exported functions are [$plain]"
+
+undefined=$(nm -D --undefined-only "$lib" | c++filt)
+for symbol in CheckLogLevel DlogInner mmGetTid 'ErrorManager::GetInstance()' 'ErrorManager::ReportErrMessage('; do
+    printf '%s\n' "$undefined" | grep -qF "$symbol" || fail "$symbol is not left undefined"
+done
+nm -D --defined-only "$lib" | c++filt | grep -E ' (CheckLogLevel|DlogInner|mmGetTid|ErrorManager::)' &&
+    fail "the library defines a platform function itself"
+
+needed=$(readelf -d "$lib" | grep NEEDED)
+printf '%s\n' "$needed" | grep -q 'libovra_platform\.so' || fail "libovra_platform.so is not needed"
+printf '%s\n' "$needed" | grep -qi python && fail "a Python library is needed: $needed"
+
+grep -E '"(command|file)"' "$commands" | grep -F '/src/' | grep -iE 'python[0-9.]*/|include/python' &&
+    fail "a Python include directory appears in the library's compile commands"
+
+[ $status -eq 0 ] && echo "library linkage ok"
+exit $status
