@@ -10,43 +10,30 @@ import textwrap
 import time
 import unittest
 
+from oxe.common.repository_manager import interface
+from oxe.common.repository_manager.errors import error_info
+
 PACKAGE_ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-
-from oxe.common.repository_manager import interface  # noqa: E402
-from oxe.common.repository_manager.errors import error_info  # noqa: E402
-
 SYS = {"soc_version": "Ascend910B", "core_num": "32"}
-
-
-def child_env():
-    env = dict(os.environ)
-    env["PYTHONPATH"] = PACKAGE_ROOT + (os.pathsep + env["PYTHONPATH"] if env.get("PYTHONPATH") else "")
-    env["PYTHONDONTWRITEBYTECODE"] = "1"
-    return env
 
 
 def start_python(code, *args):
     """Start ``sys.executable`` running ``code`` (dedented) with the package importable."""
-    return subprocess.Popen(
-        [sys.executable, "-c", textwrap.dedent(code)] + [str(a) for a in args],
-        env=child_env(),
-        stdout=subprocess.PIPE,
-        stderr=subprocess.PIPE,
-        universal_newlines=True,
-    )
+    env = dict(os.environ, PYTHONPATH=PACKAGE_ROOT, PYTHONDONTWRITEBYTECODE="1")
+    return subprocess.Popen([sys.executable, "-c", textwrap.dedent(code)] + [str(a) for a in args], env=env,
+                            stdout=subprocess.PIPE, stderr=subprocess.PIPE, universal_newlines=True)
 
 
-def run_python(code, *args, timeout=120):
-    """Run ``code`` in a new interpreter; return its stdout, failing the test on a non-zero exit."""
+def run_python(code, *args):
     proc = start_python(code, *args)
-    out, err = proc.communicate(timeout=timeout)
+    out, err = proc.communicate(timeout=120)
     if proc.returncode != 0:
-        raise AssertionError("child exited with %s\nstdout:\n%s\nstderr:\n%s" % (proc.returncode, out, err))
+        raise AssertionError("child exited with %s:\n%s" % (proc.returncode, err))
     return out
 
 
 def wait_for(handle, timeout=30.0):
-    """Poll a search like the native library does; return (polls, rows)."""
+    """Poll a search as the native library does; return (polls, rows)."""
     deadline = time.monotonic() + timeout
     polls = 0
     while True:
@@ -60,9 +47,8 @@ def wait_for(handle, timeout=30.0):
 
 
 def search(keyword, op_type, search_type=None):
-    handle = interface.ovra_kb_search_async(
-        keyword, {"op_type": op_type, "return_type": "str", "search_type": search_type})
-    return wait_for(handle)[1]
+    return wait_for(interface.ovra_kb_search_async(
+        keyword, {"op_type": op_type, "return_type": "str", "search_type": search_type}))[1]
 
 
 class KbTestCase(unittest.TestCase):
@@ -72,16 +58,10 @@ class KbTestCase(unittest.TestCase):
         self.tmp = tempfile.mkdtemp(prefix="ovra_kb_test_")
         self.bank = os.path.join(self.tmp, "bank")
         self.addCleanup(shutil.rmtree, self.tmp, True)
-        self.addCleanup(self._finalize_all)
-
-    @staticmethod
-    def _finalize_all():
-        for _ in range(64):
-            interface.ovra_kb_finalize()
+        self.addCleanup(lambda: [interface.ovra_kb_finalize() for _ in range(64)])
 
     def init(self, bank=None, **sys_overrides):
-        sys_dict = dict(SYS, **sys_overrides)
-        self.assertEqual(interface.ovra_kb_init(sys_dict, {"op_bank_path": bank or self.bank}), 0)
+        self.assertEqual(interface.ovra_kb_init(dict(SYS, **sys_overrides), {"op_bank_path": bank or self.bank}), 0)
 
     @contextlib.contextmanager
     def assertKbError(self, code):
@@ -91,6 +71,4 @@ class KbTestCase(unittest.TestCase):
         self.assertIsNotNone(info, "not a knowledge-base error: %r" % (caught.exception,))
         self.assertEqual(info["errCode"], code, info)
         self.assertTrue(info.get("message"), info)
-        for key, value in info.items():
-            self.assertIs(type(key), str)
-            self.assertIs(type(value), str)
+        self.assertTrue(all(type(k) is str and type(v) is str for k, v in info.items()), info)

@@ -1,9 +1,8 @@
 """The package in an embedded interpreter that is finalised and started again.
 
 A small C host loads this interpreter's shared library at run time, as
-``libovra_kb.so`` does, and runs Py_Initialize / script / Py_FinalizeEx
-several times in one process.  Skipped where no C compiler or no shared
-Python library is available.
+``libovra_kb.so`` does, and runs Py_Initialize / one script / Py_FinalizeEx
+once per script, all in one process.
 """
 
 import os
@@ -12,7 +11,6 @@ import subprocess
 import sys
 import sysconfig
 import tempfile
-import textwrap
 import unittest
 
 from tests.support import PACKAGE_ROOT
@@ -20,135 +18,77 @@ from tests.support import PACKAGE_ROOT
 HOST_SOURCE = r"""
 #include <dlfcn.h>
 #include <stdio.h>
-#include <stdlib.h>
-
-typedef void (*init_fn)(void);
-typedef int (*fin_fn)(void);
-typedef int (*run_fn)(const char*, void*);
-
-static char* slurp(const char* path) {
-    FILE* f = fopen(path, "rb");
-    if (!f) return NULL;
-    fseek(f, 0, SEEK_END);
-    long n = ftell(f);
-    fseek(f, 0, SEEK_SET);
-    char* buf = malloc((size_t)n + 1);
-    if (fread(buf, 1, (size_t)n, f) != (size_t)n) { fclose(f); free(buf); return NULL; }
-    buf[n] = 0;
-    fclose(f);
-    return buf;
-}
-
 int main(int argc, char** argv) {
     void* lib = dlopen(argv[1], RTLD_NOW | RTLD_GLOBAL);
-    if (!lib) { fprintf(stderr, "dlopen: %s\n", dlerror()); return 2; }
-    init_fn py_init = (init_fn)dlsym(lib, "Py_Initialize");
-    fin_fn py_fin = (fin_fn)dlsym(lib, "Py_FinalizeEx");
-    run_fn py_run = (run_fn)dlsym(lib, "PyRun_SimpleStringFlags");
-    if (!py_init || !py_fin || !py_run) { fprintf(stderr, "missing symbol\n"); return 3; }
+    if (!lib) { fprintf(stderr, "%s\n", dlerror()); return 2; }
+    void (*init)(void) = (void (*)(void))dlsym(lib, "Py_Initialize");
+    int (*fin)(void) = (int (*)(void))dlsym(lib, "Py_FinalizeEx");
+    int (*run)(const char*, void*) = (int (*)(const char*, void*))dlsym(lib, "PyRun_SimpleStringFlags");
     for (int i = 2; i < argc; ++i) {
-        char* script = slurp(argv[i]);
-        if (!script) { fprintf(stderr, "cannot read %s\n", argv[i]); return 4; }
-        py_init();
-        int rc = py_run(script, NULL);
-        free(script);
-        if (py_fin() != 0) { fprintf(stderr, "Py_FinalizeEx failed in round %d\n", i - 1); return 5; }
-        if (rc != 0) { fprintf(stderr, "script of round %d failed\n", i - 1); return 6; }
+        init();
+        int rc = run(argv[i], NULL);
+        if (fin() != 0 || rc != 0) { fprintf(stderr, "round %d failed\n", i - 1); return 3; }
         fprintf(stderr, "round %d done\n", i - 1);
     }
     return 0;
 }
 """
 
-COMMON = """
+PRELUDE = """
 import sys, time
-sys.path.insert(0, {root!r})
+sys.path.insert(0, %r)
 from oxe.common.repository_manager import interface as kb
-kb.ovra_kb_init({{"soc_version": "Ascend910B", "core_num": "32"}}, {{"op_bank_path": {bank!r}}})
-def poll(handle):
+kb.ovra_kb_init({"soc_version": "A", "core_num": "1"}, {"op_bank_path": %r})
+def everything():
+    handle = kb.ovra_kb_search_async("", {"op_type": "*", "return_type": "str", "search_type": "all"})
     while True:
         finished, rows = kb.ovra_kb_search_get(handle)
         if finished:
-            return rows
+            return sorted(r["keyword"] for r in rows)
         time.sleep(0.001)
-def everything():
-    return sorted(r["keyword"] for r in poll(kb.ovra_kb_search_async(
-        "", {{"op_type": "*", "return_type": "str", "search_type": "all"}})))
 """
 
 ROUNDS = [
-    # Normal life: write, scan on a worker, finalise before the interpreter goes.
-    """
-kb.ovra_kb_write("round1", "v", {"op_type": "Add"}, 0)
-assert everything() == ["round1"], everything()
-kb.ovra_kb_finalize()
-""",
-    # A fresh import after Py_Finalize; this time the host forgets to finalise
-    # the package while its worker threads run.
-    """
-assert everything() == ["round1"], everything()
-kb.ovra_kb_write("round2", "v", {"op_type": "Mul"}, 0)
-assert everything() == ["round1", "round2"], everything()
-""",
-    """
-assert everything() == ["round1", "round2"], everything()
-kb.ovra_kb_finalize()
-kb.ovra_kb_finalize()
-""",
+    'kb.ovra_kb_write("r1", "v", {"op_type": "Add"}, 0)\nassert everything() == ["r1"]\nkb.ovra_kb_finalize()\n',
+    # A fresh import; the host forgets ovra_kb_finalize while the workers run.
+    'assert everything() == ["r1"]\nkb.ovra_kb_write("r2", "v", {"op_type": "Mul"}, 0)\n',
+    'assert everything() == ["r1", "r2"], everything()\nkb.ovra_kb_finalize()\nkb.ovra_kb_finalize()\n',
 ]
 
 
 def shared_library():
-    libdir = sysconfig.get_config_var("LIBDIR") or ""
     for name in (sysconfig.get_config_var("LDLIBRARY"), sysconfig.get_config_var("INSTSONAME")):
-        if name and (name.endswith(".so") or ".so." in name):
-            path = os.path.join(libdir, name)
-            if os.path.exists(path):
-                return path
+        path = os.path.join(sysconfig.get_config_var("LIBDIR") or "", name or "")
+        if ".so" in (name or "") and os.path.exists(path):
+            return path
     return None
 
 
 class EmbeddedRestartTest(unittest.TestCase):
+    def run_host(self, *scripts):
+        env = dict(os.environ, PYTHONHOME="%s:%s" % (sys.base_prefix, sys.base_exec_prefix),
+                   PYTHONDONTWRITEBYTECODE="1")
+        env.pop("PYTHONPATH", None)
+        return subprocess.run([self.host, self.library] + list(scripts), stdout=subprocess.PIPE,
+                              stderr=subprocess.PIPE, universal_newlines=True, env=env, timeout=300)
+
     def test_finalise_and_start_the_interpreter_again(self):
         compiler = shutil.which("cc") or shutil.which("gcc") or shutil.which("clang")
-        library = shared_library()
-        if not compiler or not library:
+        self.library = shared_library()
+        if not compiler or not self.library:
             self.skipTest("needs a C compiler and a shared Python library")
         tmp = tempfile.mkdtemp(prefix="ovra_kb_embed_")
         self.addCleanup(shutil.rmtree, tmp, True)
-        source = os.path.join(tmp, "host.c")
-        with open(source, "w") as handle:
+        with open(os.path.join(tmp, "host.c"), "w") as handle:
             handle.write(HOST_SOURCE)
-        host = os.path.join(tmp, "host")
-        build = subprocess.run([compiler, "-std=c99", "-o", host, source, "-ldl"],
-                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT, universal_newlines=True)
-        if build.returncode != 0:
-            self.skipTest("the C host does not build here: " + build.stdout)
-        env = dict(os.environ)
-        env["PYTHONHOME"] = "%s:%s" % (sys.base_prefix, sys.base_exec_prefix)
-        env["PYTHONDONTWRITEBYTECODE"] = "1"
-        env.pop("PYTHONPATH", None)
-
-        # sqlite3 imports datetime.  Some interpreters (CPython 3.12.0 and
-        # 3.12.1) crash when _datetime is imported again after a restart, with
-        # or without this package; nothing here can work around that.
-        probe = os.path.join(tmp, "probe.py")
-        with open(probe, "w") as handle:
-            handle.write("import datetime\n")
-        result = subprocess.run([host, library, probe, probe], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                                universal_newlines=True, env=env, timeout=120)
-        if result.returncode != 0:
-            self.skipTest("this interpreter cannot import datetime again after Py_FinalizeEx: "
-                          + result.stderr.strip().replace("\n", "; "))
-
-        scripts = []
-        bank = os.path.join(tmp, "bank")
-        for number, body in enumerate(ROUNDS):
-            path = os.path.join(tmp, "round%d.py" % number)
-            with open(path, "w") as handle:
-                handle.write(COMMON.format(root=PACKAGE_ROOT, bank=bank) + textwrap.dedent(body))
-            scripts.append(path)
-        result = subprocess.run([host, library] + scripts, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                                universal_newlines=True, env=env, timeout=300)
+        self.host = os.path.join(tmp, "host")
+        subprocess.check_call([compiler, "-std=c99", "-o", self.host, self.host + ".c", "-ldl"])
+        # sqlite3 imports datetime, and some interpreters (CPython 3.12.1) crash
+        # importing _datetime again after a restart, with or without this package.
+        probe = self.run_host("import datetime", "import datetime")
+        if probe.returncode != 0:
+            self.skipTest("this interpreter cannot import datetime again after Py_FinalizeEx: " + probe.stderr)
+        prelude = PRELUDE % (PACKAGE_ROOT, os.path.join(tmp, "bank"))
+        result = self.run_host(*[prelude + body for body in ROUNDS])
         self.assertEqual(result.returncode, 0, result.stderr)
         self.assertIn("round %d done" % len(ROUNDS), result.stderr)
