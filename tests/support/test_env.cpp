@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -110,6 +111,38 @@ void UsePackages(std::initializer_list<std::string> packages)
         value += ":" + PackagesDir() + "/" + package;
     }
     setenv("PYTHONPATH", value.c_str(), 1);
+}
+
+void UseReferencePackage()
+{
+    std::string value = std::string(OVRA_TEST_SOURCE_DIR) + "/../python";
+    setenv("PYTHONPATH", value.c_str(), 1);
+}
+
+std::string FirstLineOf(const std::string &command)
+{
+    FILE *pipe = popen(command.c_str(), "r");
+    if (pipe == nullptr) {
+        return "";
+    }
+    char line[4096] = {0};
+    std::string text = fgets(line, sizeof(line), pipe) != nullptr ? line : "";
+    pclose(pipe);
+    if (!text.empty() && text.back() == '\n') {
+        text.pop_back();
+    }
+    return text;
+}
+
+std::string TestPythonVersionText()
+{
+    return FirstLineOf("'" + TestPython() + "' -c 'import platform; print(platform.python_version())'");
+}
+
+int TestPythonVersion()
+{
+    std::string text = FirstLineOf("'" + TestPython() + "' -c 'import sys; print(sys.version_info[0] * 100 + sys.version_info[1])'");
+    return text.empty() ? 0 : std::stoi(text);
 }
 
 Scripted::Scripted(const TempDir &dir) : script_(dir.File("script.json")), record_(dir.File("record.txt"))

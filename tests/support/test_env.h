@@ -44,6 +44,14 @@ void PutCountingPythonFirstOnPath(const TempDir &dir, const std::string &python,
 // PYTHONPATH made of the support module and the named package directories of tests/pypkgs, in order.
 void UsePackages(std::initializer_list<std::string> packages);
 
+// PYTHONPATH holding the reference knowledge-base package (python/).
+void UseReferencePackage();
+// Version of the test interpreter as major * 100 + minor (311 for 3.11), and its full version text.
+int TestPythonVersion();
+std::string TestPythonVersionText();
+// First line printed by a shell command, without its line end.
+std::string FirstLineOf(const std::string &command);
+
 // The scripted test packages: what the module answers (a JSON script) and what it received.
 struct RecordedCall {
     std::int64_t nanoseconds = 0;
