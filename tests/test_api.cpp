@@ -260,8 +260,10 @@ std::vector<StatusCase> StatusCases()
                          {}, false};
     searchBad.config = {{"op_type", "Add"}, {"search_type", "\x80"}};
     add(searchBad);
+    // A refused answer is dropped after the lock is given back, so the module must keep every
+    // answer alive itself: here a cached empty str, None, a small int and a bytes object it holds.
     for (const auto &answer : std::vector<std::pair<std::string, std::string>>{
-             {"empty", "''"}, {"none", "None"}, {"number", "5"}, {"bytes", "b'task'"}}) {
+             {"empty", "''"}, {"none", "None"}, {"number", "5"}, {"bytes", "state.setdefault('kept', b'task')"}}) {
         add({"search_async_answers_" + answer.first, Script("ovra_kb_search_async", answer.second), Op::SEARCH, 6,
              searchReqInvalid, {}, true});
     }

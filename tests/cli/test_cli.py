@@ -1,0 +1,447 @@
+"""The ovra-kb command, run as a real process against the real library, package and bank directories.
+
+CTest runs every test case in a process of its own (see tools/CMakeLists.txt); `test_cli.py --list` prints
+their names. The environment names the command (OVRA_KB_CLI), the interpreter put first on PATH as python3
+(OVRA_KB_TEST_PYTHON), the reference package (OVRA_KB_PACKAGE_DIR) and the project version (OVRA_KB_VERSION).
+"""
+import json
+import os
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+
+CLI = os.environ.get("OVRA_KB_CLI", "")
+TEST_PYTHON = os.environ.get("OVRA_KB_TEST_PYTHON", "")
+PACKAGE_DIR = os.environ.get("OVRA_KB_PACKAGE_DIR", "")
+VERSION = os.environ.get("OVRA_KB_VERSION", "")
+PYENV_SHIM = os.path.expanduser("~/.pyenv/shims/python3")
+MODULES = ("oxe.common.repository_manager.interface",
+           "oxe.common.repository_manager.utils.repository_manager_log")
+
+
+class CliTestCase(unittest.TestCase):
+    """A temporary home, bank and TMPDIR, and a PATH whose python3 is the test interpreter."""
+
+    def setUp(self):
+        self.tmp = tempfile.mkdtemp(prefix="ovra-kb-cli.")
+        self.addCleanup(shutil.rmtree, self.tmp, True)
+        self.bin = self.make_dir("bin")
+        os.symlink(TEST_PYTHON, os.path.join(self.bin, "python3"))
+        self.bank = os.path.join(self.tmp, "bank")
+        self.env = {
+            "PATH": self.bin + ":/usr/bin:/bin",
+            "HOME": self.make_dir("home"),
+            "TMPDIR": self.make_dir("scratch"),
+            "LANG": "C.UTF-8",
+        }
+
+    def make_dir(self, name):
+        path = os.path.join(self.tmp, name)
+        os.makedirs(path)
+        return path
+
+    def write_file(self, name, text):
+        path = os.path.join(self.tmp, name)
+        with open(path, "w", encoding="utf-8") as out:
+            out.write(text)
+        return path
+
+    def run_cli(self, *args, status=0, env=None, cli=None):
+        full_env = dict(self.env, **(env or {}))
+        result = subprocess.run([cli or CLI] + list(args), env=full_env, stdout=subprocess.PIPE,
+                                stderr=subprocess.PIPE, universal_newlines=True, timeout=120)
+        self.assertTrue(status is None or result.returncode == status,
+                         "ovra-kb %s\nstdout:\n%s\nstderr:\n%s" % (" ".join(args), result.stdout, result.stderr))
+        return result
+
+    def kb(self, *args, **kwargs):
+        """Runs ovra-kb on this test's bank."""
+        return self.run_cli(*(args + ("--bank", self.bank)), **kwargs)
+
+    def search_json(self, *args, **kwargs):
+        return json.loads(self.kb("search", "--json", *args, **kwargs).stdout)
+
+    def export_lines(self, bank=None):
+        out = self.run_cli("export", "--bank", bank or self.bank).stdout
+        return sorted(out.splitlines())
+
+    def assert_one_line(self, stderr, *patterns):
+        lines = stderr.splitlines()
+        self.assertEqual(len(lines), 1, "expected one line on stderr, got:\n" + stderr)
+        self.assertTrue(lines[0].startswith("ovra-kb: "), lines[0])
+        for pattern in patterns:
+            self.assertRegex(lines[0], pattern)
+
+
+def table_rows(stdout):
+    """The table's rows as (keyword, op_type, knowledge), its header checked and dropped."""
+    lines = stdout.splitlines()
+    assert re.match(r"^keyword +op_type +knowledge$", lines[0]), lines[0]
+    return [tuple(re.split(r"  +", line, maxsplit=2)) for line in lines[1:]]
+
+
+class RoundTripTest(CliTestCase):
+    def test_write_search_delete_in_separate_processes(self):
+        self.kb("write", "tile_m128", "split M by 128", "--op-type", "MatMul")
+        self.kb("write", "tile_m64", "split M by 64", "--op-type", "MatMul")
+
+        found = self.kb("search", "tile_m128", "--op-type", "MatMul")
+        self.assertEqual(table_rows(found.stdout), [("tile_m128", "MatMul", "split M by 128")])
+        self.assertEqual(found.stderr, "")
+
+        deleted = self.kb("delete", "tile_m128", "--op-type", "MatMul")
+        self.assertIn("deleted tile_m128", deleted.stdout)
+        self.assertEqual(self.search_json("tile_m128", "--op-type", "MatMul"), [])
+        self.assertEqual(self.kb("search", "tile_m128", "--op-type", "MatMul").stdout, "no record found\n")
+        again = self.kb("delete", "tile_m128", "--op-type", "MatMul")
+        self.assertIn("nothing to delete", again.stdout)
+        self.assertEqual(len(self.search_json("tile_m64", "--op-type", "MatMul")), 1)
+
+    def test_json_carries_every_field_and_escapes_text(self):
+        knowledge = 'quote " backslash \\ newline \n tab \t bell \x07 unicode \u00e9\u4e2d \U0001F600'
+        self.kb("write", "k1", knowledge, "--op-type", "Conv2D", "--soc", "Ascend310P", "--cores", "16")
+        rows = self.search_json("k1", "--op-type", "Conv2D", "--soc", "Ascend310P", "--cores", "16")
+        self.assertEqual(rows, [{"keyword": "k1", "knowledge": knowledge, "op_type": "Conv2D",
+                                 "soc_version": "Ascend310P", "core_num": "16"}])
+
+    def test_chip_options_scope_the_records(self):
+        self.kb("write", "k1", "for 16 cores", "--cores", "16")
+        self.assertEqual(len(self.search_json("k1", "--cores", "16")), 1)
+        self.assertEqual(self.search_json("k1"), [])
+        self.assertEqual(self.search_json("k1", "--cores", "16", "--soc", "Ascend310P"), [])
+
+    def test_search_types(self):
+        for keyword, op_type in (("a1", "MatMul"), ("a2", "MatMul"), ("b1", "MatMul"), ("a1", "Conv2D")):
+            self.kb("write", keyword, "%s of %s" % (keyword, op_type), "--op-type", op_type)
+        cases = [
+            (("a1", "--op-type", "MatMul"), [("a1", "MatMul")]),
+            (("a1", "--type", "exact", "--op-type", "MatMul"), [("a1", "MatMul")]),
+            (("a", "--type", "exact", "--op-type", "MatMul"), []),
+            (("a", "--type", "prefix", "--op-type", "MatMul"), [("a1", "MatMul"), ("a2", "MatMul")]),
+            (("--type", "all", "--op-type", "MatMul"), [("a1", "MatMul"), ("a2", "MatMul"), ("b1", "MatMul")]),
+            (("--type", "all", "--op-type", "*"),
+             [("a1", "Conv2D"), ("a1", "MatMul"), ("a2", "MatMul"), ("b1", "MatMul")]),
+        ]
+        for args, expected in cases:
+            with self.subTest(args=args):
+                rows = self.search_json(*args)
+                self.assertEqual(sorted((row["keyword"], row["op_type"]) for row in rows), expected)
+        table = table_rows(self.kb("search", *cases[-1][0]).stdout)
+        self.assertEqual([row[:2] for row in table], cases[-1][1])
+
+    def test_table_cuts_knowledge_at_the_terminal_width(self):
+        knowledge = "\u00e9" + "x" * 200
+        self.kb("write", "long", knowledge)
+        cut = self.kb("search", "long", env={"COLUMNS": "40"}).stdout.splitlines()
+        self.assertTrue(all(len(line) <= 40 for line in cut), cut)
+        self.assertTrue(cut[1].endswith("\u2026"), cut[1])
+        self.assertEqual(len(cut[1]), 40)
+        whole = self.kb("search", "long").stdout
+        self.assertEqual(table_rows(whole), [("long", "generic", knowledge)])
+
+
+class ExportImportTest(CliTestCase):
+    RECORDS = [
+        {"keyword": "m128", "knowledge": "split M by 128", "op_type": "MatMul"},
+        {"keyword": "m64", "knowledge": 'line one\nline "two" \\ \u00e9', "op_type": "MatMul"},
+        {"keyword": "c64", "knowledge": "img2col", "op_type": "Conv2D"},
+    ]
+
+    def test_export_then_import_into_a_fresh_bank(self):
+        for record in self.RECORDS:
+            self.kb("write", record["keyword"], record["knowledge"], "--op-type", record["op_type"])
+        dump = os.path.join(self.tmp, "dump.jsonl")
+        exported = self.kb("export", dump)
+        self.assertIn("exported 3 records", exported.stdout)
+        with open(dump, encoding="utf-8") as lines:
+            self.assertEqual(sorted(json.loads(line)["keyword"] for line in lines), ["c64", "m128", "m64"])
+
+        fresh = os.path.join(self.tmp, "fresh")
+        self.run_cli("import", dump, "--bank", fresh)
+        self.assertEqual(self.export_lines(fresh), self.export_lines())
+        self.assertEqual(sorted(json.loads(line)["knowledge"] for line in self.export_lines(fresh)),
+                         sorted(record["knowledge"] for record in self.RECORDS))
+
+    def test_export_of_one_op_type(self):
+        for record in self.RECORDS:
+            self.kb("write", record["keyword"], record["knowledge"], "--op-type", record["op_type"])
+        lines = self.kb("export", "--op-type", "Conv2D").stdout.splitlines()
+        self.assertEqual([json.loads(line) for line in lines], [self.RECORDS[2]])
+
+    def test_two_processes_importing_at_once_lose_nothing(self):
+        files = []
+        for writer in ("a", "b"):
+            lines = [json.dumps({"keyword": "%s%04d" % (writer, i), "knowledge": "k%d" % i, "op_type": "MatMul"})
+                     for i in range(1000)]
+            files.append(self.write_file(writer + ".jsonl", "\n".join(lines) + "\n"))
+        env = dict(self.env)
+        imports = [subprocess.Popen([CLI, "import", name, "--bank", self.bank], env=env, stdout=subprocess.PIPE,
+                                    stderr=subprocess.PIPE, universal_newlines=True) for name in files]
+        for process in imports:
+            out, err = process.communicate(timeout=300)
+            self.assertEqual(process.returncode, 0, err)
+            self.assertIn("imported 1000 records", out)
+            self.assertIn("imported 500 of 1000 records", err)
+        keywords = [json.loads(line)["keyword"] for line in self.export_lines()]
+        self.assertEqual(sorted(keywords), sorted(["a%04d" % i for i in range(1000)] + ["b%04d" % i for i in range(1000)]))
+
+    def test_import_takes_the_default_op_type_and_skips_blank_lines(self):
+        dump = self.write_file("in.jsonl", '{"keyword": "k1", "knowledge": "v1"}\n\n'
+                                           '{"keyword": "k2", "knowledge": "v2", "op_type": "Conv2D", "x": "y"}\n')
+        self.kb("import", dump, "--op-type", "MatMul")
+        rows = self.search_json("--type", "all", "--op-type", "*")
+        self.assertEqual(sorted((row["keyword"], row["op_type"]) for row in rows), [("k1", "MatMul"), ("k2", "Conv2D")])
+
+    def test_a_malformed_file_writes_nothing(self):
+        cases = [
+            ('{"keyword": "k1", "knowledge": "v1"}\n{"keyword": "k2"\n', r"bad\.jsonl:2: expected"),
+            ('{"keyword": "k1", "knowledge": 7}\n', r"bad\.jsonl:1: the value of \"knowledge\" is not a string"),
+            ('{"keyword": "k1"}\n', r"bad\.jsonl:1: a record needs"),
+            ('{"keyword": "k1", "knowledge": "\\ud800"}\n', r"bad\.jsonl:1: unpaired surrogate"),
+        ]
+        for text, message in cases:
+            with self.subTest(text=text):
+                result = self.kb("import", self.write_file("bad.jsonl", text), status=65)
+                self.assert_one_line(result.stderr, message)
+                self.assertEqual(self.export_lines(), [])
+
+    def test_unreadable_import_file(self):
+        result = self.kb("import", os.path.join(self.tmp, "missing.jsonl"), status=66)
+        self.assert_one_line(result.stderr, "cannot read .*missing.jsonl: No such file")
+
+
+class BadInputTest(CliTestCase):
+    """Each failure exits with its status and one line on stderr, and leaves the bank as it was."""
+
+    def setUp(self):
+        super().setUp()
+        self.kb("write", "kept", "must survive", "--op-type", "MatMul")
+        self.before = self.export_lines()
+
+    def assert_bank_intact(self):
+        self.assertEqual(self.export_lines(), self.before)
+
+    def test_library_statuses(self):
+        no_python = self.make_dir("empty-bin")
+        cases = [
+            ("unknown search type", ("search", "kept", "--type", "fuzzy", "--op-type", "MatMul"), {}, 6,
+             [r"refused the call \(status 6\): search_type 'fuzzy' is unknown \[OVRA_KB_E006\]",
+              "try --type exact, prefix or all$"]),
+            ("empty op type, write", ("write", "kept", "changed", "--op-type", ""), {}, 2,
+             [r"missing \(status 2\): the op type is empty", "try --op-type NAME$"]),
+            ("empty op type, delete", ("delete", "kept", "--op-type", ""), {}, 2, [r"op type is empty"]),
+            ("empty op type, search", ("search", "kept", "--op-type", ""), {}, 2, [r"op type is empty"]),
+            ("op type '*' outside search all", ("write", "kept", "changed", "--op-type", "*"), {}, 6,
+             [r"\[OVRA_KB_E005\]", "try --op-type with an operator type$"]),
+            ("bad core count", ("write", "kept", "changed", "--cores", "many"), {}, 6,
+             [r"\[OVRA_KB_E002\]", "try --cores with a positive number$"]),
+            ("no python3 on PATH", ("delete", "kept", "--op-type", "MatMul"), {"PATH": no_python}, 3,
+             [r"Python could not be started \(status 3\): no python3 on PATH", "try ovra-kb doctor$"]),
+        ]
+        for name, args, env, status, patterns in cases:
+            with self.subTest(name):
+                result = self.kb(*args, env=env, status=status)
+                self.assert_one_line(result.stderr, *patterns)
+                self.assertEqual(result.stdout, "")
+                self.assert_bank_intact()
+
+    def test_unwritable_bank(self):
+        # A path below a regular file cannot be created by anyone, root included.
+        blocker = self.write_file("not-a-dir", "keep me")
+        result = self.run_cli("write", "k", "v", "--bank", os.path.join(blocker, "bank"), status=6)
+        self.assert_one_line(result.stderr, r"cannot be created \(Not a directory\) \[OVRA_KB_E003\]",
+                             "try --bank with a writable directory$")
+        with open(blocker) as kept:
+            self.assertEqual(kept.read(), "keep me")
+        self.assert_bank_intact()
+
+    def test_users_log_level_is_kept(self):
+        result = self.kb("search", "kept", "--type", "fuzzy", "--op-type", "MatMul", env={"OVRA_LOG_LEVEL": "error"},
+                         status=6)
+        lines = result.stderr.splitlines()
+        self.assertTrue(any(line.startswith("[ERROR]") for line in lines), result.stderr)
+        self.assertTrue(lines[-1].startswith("ovra-kb: the knowledge base refused the call"), lines[-1])
+
+    def test_verbose_shows_the_library_log(self):
+        result = self.kb("search", "kept", "--op-type", "MatMul", "--verbose")
+        self.assertIn("[EVENT]", result.stderr)
+        self.assertEqual(table_rows(result.stdout), [("kept", "MatMul", "must survive")])
+
+
+class CommandLineTest(CliTestCase):
+    def test_version(self):
+        self.assertEqual(self.run_cli("--version").stdout, "ovra-kb %s\n" % VERSION)
+
+    def test_help(self):
+        general = self.run_cli("--help").stdout
+        for word in ("write", "search", "delete", "import", "export", "demo", "doctor", "OVRA_KB_PYTHON_DIR",
+                     "--bank", "--soc", "--cores", "--op-type", "--verbose"):
+            self.assertIn(word, general)
+        for args in (("help", "search"), ("search", "--help")):
+            self.assertTrue(self.run_cli(*args).stdout.startswith(
+                "usage: ovra-kb search KEYWORD [--type exact|prefix|all] [--json]"))
+
+    def test_usage_errors(self):
+        cases = [
+            ((), "no command given"),
+            (("frobnicate",), "unknown command 'frobnicate'"),
+            (("write", "k"), "missing operand"),
+            (("delete", "k", "extra"), "unexpected operand 'extra'"),
+            (("search",), "missing KEYWORD"),
+            (("write", "k", "v", "--json"), "option --json applies only to search"),
+            (("search", "k", "--color"), "unknown option --color"),
+            (("search", "k", "--bank"), "option --bank needs a value"),
+        ]
+        for args, message in cases:
+            with self.subTest(args=args):
+                lines = self.run_cli(*args, status=64).stderr.splitlines()
+                self.assertTrue(lines[0].startswith("ovra-kb: " + message), lines)
+                self.assertTrue(lines[1].startswith("usage: ovra-kb "), lines)
+                self.assertEqual(len(lines), 2)
+
+    def test_default_bank_follows_the_environment(self):
+        cases = [
+            ({"OVRA_KB_BANK": os.path.join(self.tmp, "env-bank")}, os.path.join(self.tmp, "env-bank")),
+            ({"XDG_DATA_HOME": os.path.join(self.tmp, "data")}, os.path.join(self.tmp, "data", "ovra-kb", "bank")),
+            ({}, os.path.join(self.env["HOME"], ".local", "share", "ovra-kb", "bank")),
+        ]
+        for env, bank in cases:
+            with self.subTest(bank=bank):
+                self.run_cli("write", "k", "v", env=env)
+                self.assertTrue(os.path.isfile(os.path.join(bank, "ovra_kb.db")), os.listdir(self.tmp))
+
+
+class DemoTest(CliTestCase):
+    def test_demo_tells_each_step_and_removes_its_bank(self):
+        out = self.run_cli("demo").stdout
+        steps = re.findall(r"^(\d)\. ", out, re.MULTILINE)
+        self.assertEqual(steps, ["1", "2", "3", "4", "5"])
+        self.assertEqual(len(re.findall(r"\$ ovra-kb write ", out)), 5)
+        for command in ("search m128_ --type prefix --op-type MatMul", "search --type all --op-type '*'",
+                        "delete m64_n64_k32 --op-type MatMul"):
+            self.assertIn("$ ovra-kb " + command, out)
+        last_table = out.rsplit("$ ovra-kb search --type all --op-type MatMul\n", 1)[1]
+        self.assertNotIn("m64_n64_k32", last_table)
+        self.assertIn("m128_n256_k64", last_table)
+        self.assertIn("temporary bank is removed", out)
+        self.assertEqual(os.listdir(self.env["TMPDIR"]), [])
+
+    def test_demo_keeps_a_named_bank_and_refuses_a_used_one(self):
+        self.kb("demo")
+        self.assertEqual(len(self.search_json("--type", "all", "--op-type", "*")), 4)
+        result = self.kb("demo", status=64)
+        self.assertIn("demo needs a fresh bank", result.stderr)
+
+
+class DoctorTest(CliTestCase):
+    CHECKS = ["python3", "LDLIBRARY", "LIBDIR", "runtime", MODULES[0], MODULES[1], "bank"]
+
+    def doctor(self, status, **kwargs):
+        lines = self.run_cli("doctor", "--bank", self.bank, status=status, **kwargs).stdout.splitlines()
+        self.assertEqual([re.match(r"^(ok|fix) +([^:]+):", line).group(2) for line in lines], self.CHECKS)
+        return {line.split(":")[0].split()[1]: line for line in lines}
+
+    def test_all_ok_on_this_machine(self):
+        lines = self.doctor(0)
+        self.assertTrue(all(line.startswith("ok ") for line in lines.values()), lines)
+        self.assertIn(os.path.join(self.bin, "python3") + " -> ", lines["python3"])
+        self.assertRegex(lines["runtime"], r"libpython3\.\d+\.so is a shared library exporting all 47 entry points")
+        self.assertIn("does not exist yet", lines["bank"])
+
+    def test_a_shim_is_named_and_measured(self):
+        python3 = os.path.join(self.bin, "python3")
+        os.remove(python3)
+        self.write_file("bin/python3", "#!/bin/sh\nexec %s \"$@\"\n" % TEST_PYTHON)
+        os.chmod(python3, 0o755)
+        lines = self.doctor(0)
+        self.assertRegex(lines["python3"], r"is a script \(a shim\?\) for %s \(Python 3\.[0-9.]+\); it adds \d+ ms to "
+                                           r"each of the library's two queries \(\d+ ms against \d+ ms direct\)"
+                         % re.escape(TEST_PYTHON))
+
+    @unittest.skipUnless(os.path.isfile(PYENV_SHIM), "no pyenv shim on this machine")
+    def test_pyenv_shim_is_recognised(self):
+        python3 = os.path.join(self.bin, "python3")
+        os.remove(python3)
+        os.symlink(PYENV_SHIM, python3)
+        lines = self.run_cli("doctor", "--bank", self.bank, status=None).stdout.splitlines()
+        self.assertRegex(lines[0], r"python3: %s is pyenv's shim for .*; it adds \d+ ms" % re.escape(python3))
+
+    def test_missing_python3_names_the_fix(self):
+        lines = self.doctor(1, env={"PATH": self.make_dir("empty-bin")})
+        self.assertRegex(lines["python3"], r"^fix +python3: none on PATH; install a CPython .* shared library")
+        self.assertTrue(lines["bank"].startswith("ok "))
+
+    def test_a_package_that_does_not_import_names_the_fix(self):
+        lines = self.doctor(1, cli=copy_of_cli(self.tmp, "elsewhere"))
+        for module in MODULES:
+            self.assertRegex(lines[module], r"^fix .*does not import .*No module named 'oxe'.*set OVRA_KB_PYTHON_DIR")
+        self.assertTrue(lines["runtime"].startswith("ok "))
+
+
+def copy_of_cli(tmp, name):
+    """ovra-kb copied out of the build tree, where the source tree's package is no fallback."""
+    bin_dir = os.path.join(tmp, name, "bin")
+    os.makedirs(bin_dir)
+    copy = os.path.join(bin_dir, "ovra-kb")
+    shutil.copy2(CLI, copy)
+    return copy
+
+
+def write_failing_package(root, code):
+    """A package whose ovra_kb_init raises `code`, and the reference log module beside it."""
+    package = os.path.join(root, "oxe", "common", "repository_manager")
+    os.makedirs(os.path.join(package, "utils"))
+    for directory in ("oxe", "oxe/common", "oxe/common/repository_manager", "oxe/common/repository_manager/utils"):
+        open(os.path.join(root, directory, "__init__.py"), "w").close()
+    with open(os.path.join(package, "interface.py"), "w") as out:
+        out.write("def ovra_kb_init(sys_dict, load_dict):\n"
+                  "    raise RuntimeError({'errCode': %r, 'message': 'the stand-in package answered'})\n"
+                  "def ovra_kb_finalize():\n    return 0\n" % code)
+    shutil.copy(os.path.join(PACKAGE_DIR, "oxe/common/repository_manager/utils/repository_manager_log.py"),
+                os.path.join(package, "utils"))
+
+
+class PackageLookupTest(CliTestCase):
+    def test_which_package_is_used(self):
+        stand_in = os.path.join(self.tmp, "stand-in")
+        write_failing_package(stand_in, "STAND_IN_E1")
+        cases = [
+            ("OVRA_KB_PYTHON_DIR comes before the source tree", {"OVRA_KB_PYTHON_DIR": stand_in}, 6),
+            ("a PYTHONPATH that imports is kept", {"OVRA_KB_PYTHON_DIR": stand_in, "PYTHONPATH": PACKAGE_DIR}, 0),
+            ("a PYTHONPATH that does not import is extended", {"PYTHONPATH": os.path.join(self.tmp, "nothing")}, 0),
+            ("the source tree is the last resort", {}, 0),
+        ]
+        for name, env, status in cases:
+            with self.subTest(name):
+                result = self.kb("write", "k", "v", env=env, status=status)
+                if status:
+                    self.assert_one_line(result.stderr, r"the stand-in package answered \[STAND_IN_E1\]")
+
+    def test_installed_layout(self):
+        cli = copy_of_cli(self.tmp, "prefix")
+        os.makedirs(os.path.join(self.tmp, "prefix", "share", "ovra_kb"))
+        os.symlink(PACKAGE_DIR, os.path.join(self.tmp, "prefix", "share", "ovra_kb", "python"))
+        self.run_cli("write", "k", "installed", "--bank", self.bank, cli=cli)
+        self.assertEqual(self.search_json("k")[0]["knowledge"], "installed")
+
+    def test_no_package_anywhere(self):
+        result = self.run_cli("write", "k", "v", "--bank", self.bank, cli=copy_of_cli(self.tmp, "bare"), status=3)
+        self.assert_one_line(result.stderr, r"Python could not be started \(status 3\): .*No module named 'oxe'",
+                             "try ovra-kb doctor$")
+
+
+def list_tests():
+    suite = unittest.defaultTestLoader.loadTestsFromModule(sys.modules[__name__])
+    for group in suite:
+        for test in group:
+            print(test.id().split(".", 1)[1])
+
+
+if __name__ == "__main__":
+    if sys.argv[1:] == ["--list"]:
+        list_tests()
+    else:
+        unittest.main()
