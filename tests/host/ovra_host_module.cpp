@@ -1,0 +1,157 @@
+// A CPython extension module over the five exported functions, for tests in which Python is
+// the host process. Every call gives the interpreter lock back while the library works, as a
+// well-behaved extension must: the library takes the lock itself when it needs it.
+#define PY_SSIZE_T_CLEAN
+#include <Python.h>
+
+#include <string>
+#include <vector>
+
+#include "ovra_kb/ovra_kb_api.h"
+#include "ovra_platform/platform.h"
+
+namespace {
+
+bool ToStrMap(PyObject *dict, OvraKb::StrMap &out)
+{
+    PyObject *key = nullptr;
+    PyObject *value = nullptr;
+    Py_ssize_t position = 0;
+    while (PyDict_Next(dict, &position, &key, &value)) {
+        const char *keyText = PyUnicode_AsUTF8(key);
+        const char *valueText = PyUnicode_AsUTF8(value);
+        if (keyText == nullptr || valueText == nullptr) {
+            return false;
+        }
+        out[keyText] = valueText;
+    }
+    return true;
+}
+
+PyObject *FromStrMap(const OvraKb::StrMap &map)
+{
+    PyObject *dict = PyDict_New();
+    for (const auto &entry : map) {
+        PyObject *value = PyUnicode_FromString(entry.second.c_str());
+        PyDict_SetItemString(dict, entry.first.c_str(), value);
+        Py_DECREF(value);
+    }
+    return dict;
+}
+
+PyObject *Init(PyObject *, PyObject *args)
+{
+    PyObject *sysDict = nullptr;
+    PyObject *loadDict = nullptr;
+    OvraKb::StrMap sysConfig;
+    OvraKb::StrMap loadConfig;
+    if (!PyArg_ParseTuple(args, "O!O!", &PyDict_Type, &sysDict, &PyDict_Type, &loadDict) ||
+        !ToStrMap(sysDict, sysConfig) || !ToStrMap(loadDict, loadConfig)) {
+        return nullptr;
+    }
+    std::uint32_t status = 0;
+    Py_BEGIN_ALLOW_THREADS status = OvraKbInit(sysConfig, loadConfig);
+    Py_END_ALLOW_THREADS return PyLong_FromUnsignedLong(status);
+}
+
+PyObject *Finalize(PyObject *, PyObject *)
+{
+    std::uint32_t status = 0;
+    Py_BEGIN_ALLOW_THREADS status = OvraKbFinalize();
+    Py_END_ALLOW_THREADS return PyLong_FromUnsignedLong(status);
+}
+
+PyObject *Write(PyObject *, PyObject *args)
+{
+    const char *keyword = nullptr;
+    const char *knowledge = nullptr;
+    PyObject *configDict = nullptr;
+    int flag = 0;
+    OvraKb::StrMap config;
+    if (!PyArg_ParseTuple(args, "ssO!p", &keyword, &knowledge, &PyDict_Type, &configDict, &flag) ||
+        !ToStrMap(configDict, config)) {
+        return nullptr;
+    }
+    const std::string key = keyword;
+    const std::string text = knowledge;
+    const bool durable = flag != 0;
+    std::uint32_t status = 0;
+    Py_BEGIN_ALLOW_THREADS status = OvraKbWrite(key, text, config, durable);
+    Py_END_ALLOW_THREADS return PyLong_FromUnsignedLong(status);
+}
+
+PyObject *Delete(PyObject *, PyObject *args)
+{
+    const char *keyword = nullptr;
+    PyObject *configDict = nullptr;
+    int flag = 0;
+    OvraKb::StrMap config;
+    if (!PyArg_ParseTuple(args, "sO!p", &keyword, &PyDict_Type, &configDict, &flag) || !ToStrMap(configDict, config)) {
+        return nullptr;
+    }
+    const std::string key = keyword;
+    const bool durable = flag != 0;
+    std::uint32_t status = 0;
+    Py_BEGIN_ALLOW_THREADS status = OvraKbDelete(key, config, durable);
+    Py_END_ALLOW_THREADS return PyLong_FromUnsignedLong(status);
+}
+
+// search(keyword, config) -> (status, [row, ...])
+PyObject *Search(PyObject *, PyObject *args)
+{
+    const char *keyword = nullptr;
+    PyObject *configDict = nullptr;
+    OvraKb::StrMap config;
+    if (!PyArg_ParseTuple(args, "sO!", &keyword, &PyDict_Type, &configDict) || !ToStrMap(configDict, config)) {
+        return nullptr;
+    }
+    const std::string key = keyword;
+    std::vector<OvraKb::StrMap> rows;
+    std::uint32_t status = 0;
+    Py_BEGIN_ALLOW_THREADS status = OvraKbSearch(key, config, rows);
+    Py_END_ALLOW_THREADS PyObject *list = PyList_New(0);
+    for (const OvraKb::StrMap &row : rows) {
+        PyObject *dict = FromStrMap(row);
+        PyList_Append(list, dict);
+        Py_DECREF(dict);
+    }
+    return Py_BuildValue("(kN)", static_cast<unsigned long>(status), list);
+}
+
+// reports() -> [(code, details), ...] kept by the platform library
+PyObject *Reports(PyObject *, PyObject *)
+{
+    PyObject *list = PyList_New(0);
+    for (const ErrorManager::Report &report : ErrorManager::GetInstance().GetReports()) {
+        PyObject *item = Py_BuildValue("(sN)", report.errCode.c_str(), FromStrMap(report.args));
+        PyList_Append(list, item);
+        Py_DECREF(item);
+    }
+    return list;
+}
+
+PyMethodDef g_methods[] = {
+    {"init", Init, METH_VARARGS, "init(sys_config, load_config) -> status"},
+    {"finalize", Finalize, METH_NOARGS, "finalize() -> status"},
+    {"write", Write, METH_VARARGS, "write(keyword, knowledge, config, flag) -> status"},
+    {"delete", Delete, METH_VARARGS, "delete(keyword, config, flag) -> status"},
+    {"search", Search, METH_VARARGS, "search(keyword, config) -> (status, rows)"},
+    {"reports", Reports, METH_NOARGS, "reports() -> [(code, details)]"},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+PyModuleDef g_module = {PyModuleDef_HEAD_INIT, "ovra_host", "libovra_kb for tests in a Python host",
+                        -1,                    g_methods,   nullptr,
+                        nullptr,               nullptr,     nullptr};
+
+}  // namespace
+
+PyMODINIT_FUNC PyInit_ovra_host(void)
+{
+#if PY_VERSION_HEX < 0x03070000
+    // Before 3.7 the interpreter lock exists only once threads are initialised; an extension
+    // that gives the lock back around its calls has to create it first.
+    PyEval_InitThreads();
+#endif
+    return PyModule_Create(&g_module);
+}
