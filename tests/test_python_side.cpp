@@ -365,6 +365,22 @@ TEST_F(References, HelpersReleaseEachEntryOnceAndSkipNulls)
     Api().Py_IsInitialized = realIsInitialized;
 }
 
+TEST_F(References, SearchArgumentsKeepOneReferenceOnNonePerSearchWithoutType)
+{
+    if (OvraTest::TestPythonVersion() >= 312) {
+        GTEST_SKIP() << "None is immortal on this Python: its count says nothing";
+    }
+    Gil gil;
+    PyObject *none = Api()._Py_NoneStruct;
+    const std::int64_t before = OvraKb::RefCount(none);
+    for (int i = 0; i < 25; ++i) {
+        PyObjectPtr dict(Api().PyDict_New());
+        ASSERT_EQ(OvraKb::GetParamsFromSearchConfig({{"op_type", "Add"}}, dict.get()), 0U);
+        ASSERT_EQ(OvraKb::GetParamsFromSearchConfig({{"op_type", "Add"}, {"search_type", "all"}}, dict.get()), 0U);
+    }
+    EXPECT_EQ(OvraKb::RefCount(none) - before, 25);
+}
+
 // ---- Conversions ----
 
 class Conversions : public PythonSide {

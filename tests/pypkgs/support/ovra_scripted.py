@@ -10,6 +10,7 @@ Every call appends one line to the file named by OVRA_TEST_RECORD:
     <monotonic ns> <thread ident> <function>(<repr of each argument>)
 and `note(text)` adds "note <text>" lines.
 """
+import gc
 import json
 import os
 import sys
@@ -62,6 +63,26 @@ def note(text, answer=0):
     return answer
 
 
+def extra_refs(objects):
+    """References held on each object beyond the one of the list that holds it here."""
+    holder = [{}]
+    base = [sys.getrefcount(o) for o in holder][0]
+    return [sys.getrefcount(o) - base for o in objects]
+
+
+def tracked_objects():
+    """Objects the garbage collector follows, after a full collection."""
+    gc.collect()
+    return len(gc.get_objects())
+
+
+def traceback_line_lists():
+    """Lists of formatted traceback lines alive in the interpreter."""
+    gc.collect()
+    return sum(1 for o in gc.get_objects()
+               if type(o) is list and o and o[0] == "Traceback (most recent call last):\n")
+
+
 def _script():
     path = os.environ.get("OVRA_TEST_SCRIPT")
     if not path or not os.path.exists(path):
@@ -96,5 +117,7 @@ def call(name, args, default):
     expression = answers[min(index, len(answers) - 1)]
     scope = {"args": args, "state": state, "fail": fail, "BadBool": BadBool, "poll_after": poll_after,
              "finish_after_ms": finish_after_ms, "note": note, "time": time, "sys": sys,
+             "extra_refs": extra_refs, "tracked_objects": tracked_objects,
+             "traceback_line_lists": traceback_line_lists,
              "default": lambda: default(*args)}
     return eval(expression, scope)
