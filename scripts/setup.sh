@@ -6,7 +6,7 @@ packages=(
   cmake ninja-build g++ clang make pkg-config file
   libgtest-dev libgmock-dev libbenchmark-dev
   python3 libpython3-dev
-  binutils valgrind
+  binutils valgrind dpkg-dev
 )
 
 missing=()

@@ -1,0 +1,53 @@
+# Installation, the CMake package, pkg-config, and the Debian package.
+include(CMakePackageConfigHelpers)
+
+set(OVRA_KB_INSTALL_PYTHONDIR "${CMAKE_INSTALL_DATADIR}/ovra_kb/python")
+set(OVRA_KB_INSTALL_CMAKEDIR "${CMAKE_INSTALL_LIBDIR}/cmake/OvraKb")
+set(OVRA_KB_INSTALL_DOCDIR "${CMAKE_INSTALL_DATADIR}/doc/ovra-kb")
+
+set_target_properties(ovra_kb PROPERTIES EXPORT_NAME ovra_kb INSTALL_RPATH "$ORIGIN")
+set_target_properties(ovra_platform PROPERTIES EXPORT_NAME platform)
+install(TARGETS ovra_kb ovra_platform EXPORT OvraKbTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} NAMELINK_COMPONENT Development
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES include/ovra_kb/ovra_kb_api.h "${PROJECT_BINARY_DIR}/include/ovra_kb/version.h"
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ovra_kb)
+install(FILES platform/include/ovra_platform/platform.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ovra_platform)
+
+install(EXPORT OvraKbTargets NAMESPACE OvraKb:: DESTINATION ${OVRA_KB_INSTALL_CMAKEDIR})
+configure_package_config_file(cmake/templates/OvraKbConfig.cmake.in "${PROJECT_BINARY_DIR}/OvraKbConfig.cmake"
+  INSTALL_DESTINATION ${OVRA_KB_INSTALL_CMAKEDIR} PATH_VARS OVRA_KB_INSTALL_PYTHONDIR)
+write_basic_package_version_file("${PROJECT_BINARY_DIR}/OvraKbConfigVersion.cmake" COMPATIBILITY SameMajorVersion)
+install(FILES "${PROJECT_BINARY_DIR}/OvraKbConfig.cmake" "${PROJECT_BINARY_DIR}/OvraKbConfigVersion.cmake"
+  DESTINATION ${OVRA_KB_INSTALL_CMAKEDIR})
+
+configure_file(cmake/templates/ovra_kb.pc.in "${PROJECT_BINARY_DIR}/ovra_kb.pc" @ONLY)
+install(FILES "${PROJECT_BINARY_DIR}/ovra_kb.pc" DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# The command finds the libraries beside it and the package under ../share/ovra_kb/python.
+if(TARGET ovra-kb)
+  set_target_properties(ovra-kb PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+  install(TARGETS ovra-kb RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+endif()
+
+# The reference knowledge-base package, where ovra-kb looks for it (../share/ovra_kb/python).
+install(DIRECTORY python/oxe DESTINATION ${OVRA_KB_INSTALL_PYTHONDIR}
+  PATTERN "__pycache__" EXCLUDE PATTERN "*.pyc" EXCLUDE)
+install(FILES python/README.md DESTINATION ${OVRA_KB_INSTALL_PYTHONDIR})
+install(FILES README.md CHANGELOG.md DESTINATION ${OVRA_KB_INSTALL_DOCDIR})
+install(DIRECTORY docs/ DESTINATION ${OVRA_KB_INSTALL_DOCDIR} OPTIONAL)
+
+set(CPACK_PACKAGE_NAME "ovra-kb")
+set(CPACK_PACKAGE_VENDOR "libovra_kb developers")
+set(CPACK_PACKAGE_CONTACT "libovra_kb developers <maintainers@users.noreply.c-seed-5abd4ea0.example>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
+set(CPACK_PACKAGE_VERSION "${PROJECT_VERSION}")
+set(CPACK_GENERATOR "DEB")
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION "libs")
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# The runtime is found through python3 and needs its shared library under the LDLIBRARY name.
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "python3 (>= 3.6)")
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "libpython3-dev")
+set(CPACK_PACKAGING_INSTALL_PREFIX "/usr")
+include(CPack)
