@@ -1,14 +1,12 @@
 #!/usr/bin/env bash
-# Sets everything up, builds, and runs the demo.
+# Sets everything up, builds the ovra-kb command, and runs its demo on a temporary bank.
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 build="${OVRA_KB_BUILD_DIR:-$root/build}"
 
 bash "$root/scripts/setup.sh"
 cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
-cmake --build "$build" -j "$(nproc)"
+cmake --build "$build" --target ovra-kb -j "$(nproc)"
 
-bank="$(mktemp -d /tmp/ovra-kb-demo.XXXXXX)"
-packages="$root/tests/pypkgs"
-PYTHONPATH="$packages/support:$packages/kb:$packages/log" "$build/examples/quickstart" "$bank"
-rm -rf "$bank"
+# Run from the build tree, ovra-kb finds the knowledge-base package in the source tree's python/.
+"$build/tools/ovra-kb" demo

@@ -54,7 +54,7 @@ class CliTestCase(unittest.TestCase):
         result = subprocess.run([cli or CLI] + list(args), env=full_env, stdout=subprocess.PIPE,
                                 stderr=subprocess.PIPE, universal_newlines=True, timeout=120)
         self.assertTrue(status is None or result.returncode == status,
-                         "ovra-kb %s\nstdout:\n%s\nstderr:\n%s" % (" ".join(args), result.stdout, result.stderr))
+                         "ovra-kb %s\nstdout:\n%s\nstderr:\n%s" % (" ".join(map(str, args)), result.stdout, result.stderr))
         return result
 
     def kb(self, *args, **kwargs):
@@ -91,6 +91,10 @@ class RoundTripTest(CliTestCase):
         found = self.kb("search", "tile_m128", "--op-type", "MatMul")
         self.assertEqual(table_rows(found.stdout), [("tile_m128", "MatMul", "split M by 128")])
         self.assertEqual(found.stderr, "")
+
+        self.kb("write", "tile_m128", "split M by 128, then N by 64", "--op-type", "MatMul")
+        self.assertEqual(table_rows(self.kb("search", "tile_m128", "--op-type", "MatMul").stdout),
+                         [("tile_m128", "MatMul", "split M by 128, then N by 64")])
 
         deleted = self.kb("delete", "tile_m128", "--op-type", "MatMul")
         self.assertIn("deleted tile_m128", deleted.stdout)
@@ -195,6 +199,15 @@ class ExportImportTest(CliTestCase):
         rows = self.search_json("--type", "all", "--op-type", "*")
         self.assertEqual(sorted((row["keyword"], row["op_type"]) for row in rows), [("k1", "MatMul"), ("k2", "Conv2D")])
 
+    def test_a_refused_record_stops_the_import_there(self):
+        dump = self.write_file("in.jsonl", '{"keyword": "k1", "knowledge": "v1"}\n'
+                                           '{"keyword": "k2", "knowledge": "v2", "op_type": ""}\n'
+                                           '{"keyword": "k3", "knowledge": "v3"}\n')
+        result = self.kb("import", dump, status=2)
+        self.assert_one_line(result.stderr, r"in\.jsonl:2: a required setting is missing \(status 2\): the op type "
+                                            r"is empty")
+        self.assertEqual([json.loads(line)["keyword"] for line in self.export_lines()], ["k1"])
+
     def test_a_malformed_file_writes_nothing(self):
         cases = [
             ('{"keyword": "k1", "knowledge": "v1"}\n{"keyword": "k2"\n', r"bad\.jsonl:2: expected"),
@@ -238,6 +251,8 @@ class BadInputTest(CliTestCase):
              [r"\[OVRA_KB_E005\]", "try --op-type with an operator type$"]),
             ("bad core count", ("write", "kept", "changed", "--cores", "many"), {}, 6,
              [r"\[OVRA_KB_E002\]", "try --cores with a positive number$"]),
+            ("op type not UTF-8", ("write", "kept", "changed", "--op-type", b"Mat\xffMul"), {}, 4,
+             [r"could not be passed to Python \(status 4\); pass --op-type, --soc, --cores and --bank as UTF-8"]),
             ("no python3 on PATH", ("delete", "kept", "--op-type", "MatMul"), {"PATH": no_python}, 3,
              [r"Python could not be started \(status 3\): no python3 on PATH", "try ovra-kb doctor$"]),
         ]

@@ -1,0 +1,279 @@
+// ovra-kb doctor: checks, in the order the library needs them, what it takes to bring the knowledge base up.
+#include <dlfcn.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "environment.h"
+#include "runtime/python_api.h"
+#include "shell.h"
+
+namespace OvraCli {
+namespace {
+
+#define OVRA_CLI_SYMBOL_NAME(symbol, label, type) #symbol,
+const char *const kEntryPoints[] = {OVRA_KB_PYTHON_API(OVRA_CLI_SYMBOL_NAME)};
+#undef OVRA_CLI_SYMBOL_NAME
+const std::size_t kEntryPointCount = sizeof(kEntryPoints) / sizeof(kEntryPoints[0]);
+
+// The arguments of the queries the library runs, word for word, so that the answers are the ones it gets.
+const std::string kLdLibraryArgs = " -c \"import sysconfig; print(sysconfig.get_config_var(\\\"LDLIBRARY\\\"))\"";
+const std::string kLibDirArgs = " -c \"import sysconfig; print(sysconfig.get_config_var(\\\"LIBDIR\\\"))\"";
+const char kIdentityQuery[] =
+    "python3 -c 'import sys; print(sys.executable); print(\"%d.%d.%d\" % sys.version_info[:3])' 2>&1";
+const int kTimingRuns = 3;
+const char kInstallPython[] =
+    "install a CPython 3.6 to 3.13 built as a shared library (Debian: apt-get install python3 libpython3-dev; "
+    "pyenv: PYTHON_CONFIGURE_OPTS=--enable-shared pyenv install VERSION) and put it first on PATH";
+
+class Doctor {
+  public:
+    explicit Doctor(std::string bank) : bank_(std::move(bank)) {}
+
+    int Run() {
+        CheckPython();
+        CheckRuntime();
+        CheckModules();
+        CheckBank();
+        return failures_ == 0 ? 0 : kExitProblemFound;
+    }
+
+  private:
+    void Report(bool ok, const std::string &name, const std::string &text) {
+        std::printf("%-4s %s: %s\n", ok ? "ok" : "fix", name.c_str(), text.c_str());
+        std::fflush(stdout);
+        failures_ += ok ? 0 : 1;
+    }
+
+    void CheckPython();
+    void DescribePython(const std::string &onPath, const std::string &executable, const std::string &version);
+    void CheckRuntime();
+    bool CheckConfigVar(const char *name, const std::string &args, std::string &answer);
+    void CheckRuntimeFile(const std::string &file);
+    void CheckModules();
+    void CheckBank();
+
+    std::string bank_;
+    bool havePython_ = false;
+    int failures_ = 0;
+};
+
+double MillisecondsPerRun(const std::string &command) {
+    double best = 0;
+    for (int run = 0; run < kTimingRuns; ++run) {
+        const auto start = std::chrono::steady_clock::now();
+        RunShell(command + " >/dev/null 2>&1");
+        const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - start;
+        best = run == 0 ? took.count() : std::min(best, took.count());
+    }
+    return best;
+}
+
+std::string FileStart(const std::string &path, std::size_t bytes) {
+    std::ifstream in(path, std::ios::binary);
+    std::string text(bytes, '\0');
+    in.read(&text[0], static_cast<std::streamsize>(bytes));
+    text.resize(static_cast<std::size_t>(in.gcount()));
+    return text;
+}
+
+// A version manager's shim is a script that finds and starts the real interpreter on every run.
+bool IsScript(const std::string &path) {
+    return FileStart(path, 2) == "#!";
+}
+
+std::string ShimOwner(const std::string &path) {
+    return FileStart(path, 4096).find("pyenv\" exec") != std::string::npos ? "pyenv's shim" : "a script (a shim?)";
+}
+
+std::string Resolved(const std::string &path) {
+    char *real = realpath(path.c_str(), nullptr);
+    const std::string resolved = real != nullptr ? real : path;
+    std::free(real);
+    return resolved;
+}
+
+std::string DirOf(const std::string &path) {
+    return path.substr(0, path.rfind('/'));
+}
+
+std::string Milliseconds(double value) {
+    return std::to_string(static_cast<long>(value + 0.5)) + " ms";
+}
+
+void Doctor::CheckPython() {
+    const std::string onPath = FindOnPath("python3");
+    if (onPath.empty()) {
+        Report(false, "python3", "none on PATH; " + std::string(kInstallPython));
+        return;
+    }
+    const ShellResult identity = RunShell(kIdentityQuery);
+    const std::string answer = TrimRight(identity.output);
+    const std::size_t newline = answer.find('\n');
+    if (identity.exitCode != 0 || newline == std::string::npos) {
+        Report(false, "python3", onPath + " does not run (" + LastLine(identity.output) + "); " + kInstallPython);
+        return;
+    }
+    havePython_ = true;
+    DescribePython(onPath, answer.substr(0, newline), answer.substr(newline + 1));
+}
+
+void Doctor::DescribePython(const std::string &onPath, const std::string &executable, const std::string &version) {
+    const bool oldPython = version.compare(0, 2, "3.") != 0 || std::atoi(version.c_str() + 2) < 6;
+    if (oldPython) {
+        Report(false, "python3", onPath + " is Python " + version + "; " + kInstallPython);
+        return;
+    }
+    if (!IsScript(onPath)) {
+        const std::string real = Resolved(onPath);
+        Report(true, "python3", onPath + (real != onPath ? " -> " + real : "") + " (Python " + version + ")");
+        return;
+    }
+    // The library starts python3 twice at start-up; through a shim each start pays the shim's own work.
+    const double throughShim = MillisecondsPerRun("python3" + kLdLibraryArgs);
+    const double direct = MillisecondsPerRun(ShellQuote(executable) + kLdLibraryArgs);
+    Report(true, "python3",
+           onPath + " is " + ShimOwner(onPath) + " for " + executable + " (Python " + version + "); it adds " +
+               Milliseconds(std::max(0.0, throughShim - direct)) + " to each of the library's two queries (" +
+               Milliseconds(throughShim) + " against " + Milliseconds(direct) + " direct): put " + DirOf(executable) +
+               " first on PATH to save it");
+}
+
+bool Doctor::CheckConfigVar(const char *name, const std::string &args, std::string &answer) {
+    const ShellResult result = RunShell("python3" + args);
+    answer = TrimRight(result.output);
+    const bool ok = result.exitCode == 0 && !answer.empty() && answer != "None";
+    Report(ok, name, ok ? answer : "python3 gives no " + std::string(name) + "; " + kInstallPython);
+    return ok;
+}
+
+void Doctor::CheckRuntime() {
+    if (!havePython_) {
+        for (const char *name : {"LDLIBRARY", "LIBDIR", "runtime"}) {
+            Report(false, name, "not checked without a working python3; apply the python3 fix first");
+        }
+        return;
+    }
+    std::string library;
+    std::string dir;
+    const bool answered = CheckConfigVar("LDLIBRARY", kLdLibraryArgs, library);
+    if (CheckConfigVar("LIBDIR", kLibDirArgs, dir) && answered) {
+        CheckRuntimeFile(dir + "/" + library);
+    } else {
+        Report(false, "runtime", "not checked without LDLIBRARY and LIBDIR; apply their fix first");
+    }
+}
+
+std::vector<std::string> MissingEntryPoints(void *handle) {
+    std::vector<std::string> missing;
+    for (const char *name : kEntryPoints) {
+        if (dlsym(handle, name) == nullptr) {
+            missing.push_back(name);
+        }
+    }
+    return missing;
+}
+
+// Loaded locally and lazily: the check must neither run the runtime's code nor lend its symbols to this process.
+void Doctor::CheckRuntimeFile(const std::string &file) {
+    struct stat info {};
+    if (stat(file.c_str(), &info) != 0) {
+        Report(false, "runtime", file + " does not exist; " + kInstallPython);
+        return;
+    }
+    void *handle = dlopen(file.c_str(), RTLD_LAZY | RTLD_LOCAL);
+    if (handle == nullptr) {
+        const char *error = dlerror();
+        Report(false, "runtime",
+               file + " is not a loadable shared library (" + (error ? error : "?") + "); " + kInstallPython);
+        return;
+    }
+    const std::vector<std::string> missing = MissingEntryPoints(handle);
+    dlclose(handle);
+    Report(missing.empty(), "runtime",
+           missing.empty()
+               ? file + " is a shared library exporting all " + std::to_string(kEntryPointCount) + " entry points"
+               : file + " lacks " + std::to_string(missing.size()) + " of the " + std::to_string(kEntryPointCount) +
+                     " entry points (" + Join(missing, ", ") + "); " + kInstallPython);
+}
+
+void Doctor::CheckModules() {
+    const PythonPathChoice pythonPath = ChoosePythonPath();
+    ApplyPythonPath(pythonPath);
+    const std::string shownPath = "PYTHONPATH=" + (pythonPath.value.empty() ? "(empty)" : pythonPath.value);
+    for (const char *module : {kInterfaceModule, kLogModule}) {
+        if (!havePython_) {
+            Report(false, module, "not checked without a working python3; apply the python3 fix first");
+            continue;
+        }
+        const ShellResult imported = RunShell("python3 -c " + ShellQuote(std::string("import ") + module) + " 2>&1");
+        Report(imported.exitCode == 0, module,
+               imported.exitCode == 0 ? "imports with " + shownPath
+                                      : "does not import with " + shownPath + " (" + LastLine(imported.output) +
+                                            "); set OVRA_KB_PYTHON_DIR to the directory that holds oxe/ "
+                                            "(or add it to PYTHONPATH)");
+    }
+}
+
+// Writing a file is the only test that holds for every user, root included, and every file system.
+bool CanCreateFileIn(const std::string &dir, std::string &why) {
+    std::string probe = dir + "/.ovra-kb-doctor.XXXXXX";
+    const int fd = mkstemp(&probe[0]);
+    if (fd < 0) {
+        why = std::strerror(errno);
+        return false;
+    }
+    close(fd);
+    unlink(probe.c_str());
+    return true;
+}
+
+std::string NearestExistingAncestor(std::string path) {
+    while (!path.empty() && access(path.c_str(), F_OK) != 0) {
+        const std::size_t slash = path.find_last_of('/');
+        path = slash == std::string::npos ? "." : path.substr(0, slash == 0 ? 1 : slash);
+    }
+    return path.empty() ? "." : path;
+}
+
+void Doctor::CheckBank() {
+    const std::string fix = "; try --bank with a writable directory";
+    std::string why;
+    if (IsDirectory(bank_)) {
+        const bool ok = CanCreateFileIn(bank_, why);
+        Report(ok, "bank", bank_ + (ok ? " is writable" : " is not writable (" + why + ")" + fix));
+        return;
+    }
+    if (access(bank_.c_str(), F_OK) == 0) {
+        Report(false, "bank", bank_ + " is not a directory" + fix);
+        return;
+    }
+    const std::string ancestor = NearestExistingAncestor(bank_);
+    if (!IsDirectory(ancestor)) {
+        Report(false, "bank", bank_ + " cannot be created: " + ancestor + " is not a directory" + fix);
+        return;
+    }
+    const bool ok = CanCreateFileIn(ancestor, why);
+    Report(ok, "bank",
+           ok ? bank_ + " does not exist yet; it will be created in " + ancestor
+              : bank_ + " cannot be created: " + ancestor + " is not writable (" + why + ")" + fix);
+}
+
+}  // namespace
+
+int RunDoctor(const Options &options) {
+    return Doctor(BankDir(options)).Run();
+}
+
+}  // namespace OvraCli

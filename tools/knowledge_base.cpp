@@ -1,0 +1,185 @@
+#include "knowledge_base.h"
+
+#include <cstdio>
+#include <utility>
+
+#include "environment.h"
+
+namespace OvraCli {
+namespace {
+
+struct StatusText {
+    std::uint32_t status;
+    const char *meaning;
+    const char *hint;
+};
+
+const StatusText kStatusTexts[] = {
+    {OvraKb::OVRA_KB_CONFIG_KEY_MISSING, "a required setting is missing", "try --op-type NAME"},
+    {OvraKb::OVRA_KB_PYTHON_UNAVAILABLE, "Python could not be started", "try ovra-kb doctor"},
+    {OvraKb::OVRA_KB_VALUE_CONVERSION_FAILED, "a value could not be passed to Python",
+     "pass --op-type, --soc, --cores and --bank as UTF-8 text"},
+    {OvraKb::OVRA_KB_DICT_CREATION_FAILED, "Python could not make a dictionary", "try again with more free memory"},
+    {OvraKb::OVRA_KB_PYTHON_CALL_FAILED, "the knowledge base refused the call",
+     "try again with --verbose to see the Python traceback"},
+};
+
+// The knowledge base's messages end with advice in terms of its own configuration keys; for the codes
+// below the command's option that sets that key is the better advice.
+struct CodeHint {
+    const char *code;
+    const char *hint;
+};
+
+const CodeHint kCodeHints[] = {
+    {"OVRA_KB_E001", "try --soc with the chip's name"},
+    {"OVRA_KB_E002", "try --cores with a positive number"},
+    {"OVRA_KB_E003", "try --bank with a writable directory"},
+    {"OVRA_KB_E004", "try --bank with a local directory"},
+    {"OVRA_KB_E005", "try --op-type with an operator type"},
+    {"OVRA_KB_E006", "try --type exact, prefix or all"},
+    {"OVRA_KB_E010", "check the free space and permissions of --bank, and whether another process holds it locked"},
+    {"OVRA_KB_E011", "upgrade the knowledge-base package or try --bank with another directory"},
+};
+
+const StatusText kUnknownStatus = {0, "the library failed", "try again with --verbose"};
+
+const StatusText &TextOf(std::uint32_t status) {
+    for (const StatusText &text : kStatusTexts) {
+        if (text.status == status) {
+            return text;
+        }
+    }
+    return kUnknownStatus;
+}
+
+const char *CodeHintOf(const std::string &code) {
+    for (const CodeHint &hint : kCodeHints) {
+        if (code == hint.code) {
+            return hint.hint;
+        }
+    }
+    return nullptr;
+}
+
+std::string Flattened(std::string text) {
+    for (char &c : text) {
+        c = c == '\n' || c == '\r' || c == '\t' ? ' ' : c;
+    }
+    const std::size_t end = text.find_last_not_of(" .");
+    return text.substr(0, end == std::string::npos ? 0 : end + 1);
+}
+
+std::string ReportText(const ErrorManager::Report &report) {
+    for (const char *key : {"message", "result"}) {
+        const auto found = report.args.find(key);
+        if (found != report.args.end() && !found->second.empty()) {
+            return Flattened(found->second);
+        }
+    }
+    return "";
+}
+
+std::string WhatWentWrong(const CallOutcome &outcome, const std::string &opType, bool adviceReplaced) {
+    if (outcome.hasReport) {
+        const std::string text = ReportText(outcome.report);
+        return adviceReplaced ? text.substr(0, text.find("; ")) : text;
+    }
+    if (outcome.status == OvraKb::OVRA_KB_CONFIG_KEY_MISSING && opType.empty()) {
+        return "the op type is empty, so op_type was left out";
+    }
+    if (outcome.status == OvraKb::OVRA_KB_PYTHON_UNAVAILABLE && FindOnPath("python3").empty()) {
+        return "no python3 on PATH";
+    }
+    return "";
+}
+
+std::string FailureLine(const CallOutcome &outcome, const std::string &opType, const std::string &where) {
+    const StatusText &text = TextOf(outcome.status);
+    const std::string code = outcome.hasReport ? outcome.report.errCode : "";
+    const char *codeHint = CodeHintOf(code);
+    const std::string detail = WhatWentWrong(outcome, opType, codeHint != nullptr);
+    std::string line = "ovra-kb: " + (where.empty() ? "" : where + ": ") + text.meaning + " (status " +
+                       std::to_string(outcome.status) + ")";
+    line += detail.empty() ? "" : ": " + detail;
+    line += code.empty() ? "" : " [" + code + "]";
+    return line + "; " + (codeHint != nullptr ? codeHint : text.hint);
+}
+
+template <typename Call>
+CallOutcome Run(Call &&call) {
+    const std::size_t reportsBefore = ErrorManager::GetInstance().GetReports().size();
+    CallOutcome outcome;
+    outcome.status = call();
+    if (!outcome.Ok()) {
+        const std::vector<ErrorManager::Report> reports = ErrorManager::GetInstance().GetReports();
+        outcome.hasReport = reports.size() > reportsBefore;
+        outcome.report = outcome.hasReport ? reports.back() : ErrorManager::Report{};
+    }
+    return outcome;
+}
+
+OvraKb::StrMap OpConfig(const std::string &opType) {
+    return opType.empty() ? OvraKb::StrMap{} : OvraKb::StrMap{{"op_type", opType}};
+}
+
+}  // namespace
+
+int ReportFailure(const CallOutcome &outcome, const std::string &opType, const std::string &where) {
+    std::fflush(stdout);  // what the command printed before comes before the failure on a shared terminal
+    std::fprintf(stderr, "%s\n", FailureLine(outcome, opType, where).c_str());
+    return static_cast<int>(outcome.status);
+}
+
+KbSession::~KbSession() {
+    Close();
+}
+
+CallOutcome KbSession::Open() {
+    // Without python3 the library answers the same status, but only after its shell complained on stderr.
+    if (FindOnPath("python3").empty()) {
+        CallOutcome noPython;
+        noPython.status = OvraKb::OVRA_KB_PYTHON_UNAVAILABLE;
+        return noPython;
+    }
+    const PythonPathChoice pythonPath = ChoosePythonPath();
+    ApplyPythonPath(pythonPath);
+    if (settings_.verbose) {
+        std::fprintf(stderr, "ovra-kb: PYTHONPATH=%s (%s)\n", pythonPath.value.c_str(),
+                     pythonPath.usersOwn ? "as given" : "package directories put in front");
+    }
+    const OvraKb::StrMap sysConfig = {{"soc_version", settings_.soc}, {"core_num", settings_.cores}};
+    const OvraKb::StrMap loadConfig = {{"op_bank_path", settings_.bank}};
+    const CallOutcome outcome = Run([&] { return OvraKbInit(sysConfig, loadConfig); });
+    pythonUp_ = outcome.status != OvraKb::OVRA_KB_PYTHON_UNAVAILABLE;
+    return outcome;
+}
+
+CallOutcome KbSession::Close() {
+    if (!pythonUp_) {
+        return CallOutcome{};
+    }
+    const CallOutcome outcome = Run([] { return OvraKbFinalize(); });
+    // A failed finalisation keeps the Python side up; it is not retried, the process ends anyway.
+    pythonUp_ = false;
+    return outcome;
+}
+
+CallOutcome KbSession::Write(const std::string &keyword, const std::string &knowledge, const std::string &opType,
+                             bool durable) {
+    return Run([&] { return OvraKbWrite(keyword, knowledge, OpConfig(opType), durable); });
+}
+
+CallOutcome KbSession::Delete(const std::string &keyword, const std::string &opType) {
+    const bool durable = true;
+    return Run([&] { return OvraKbDelete(keyword, OpConfig(opType), durable); });
+}
+
+CallOutcome KbSession::Search(const std::string &keyword, const std::string &opType, const std::string &searchType,
+                              std::vector<OvraKb::StrMap> &rows) {
+    OvraKb::StrMap config = OpConfig(opType);
+    config["search_type"] = searchType;
+    return Run([&] { return OvraKbSearch(keyword, config, rows); });
+}
+
+}  // namespace OvraCli

@@ -1,0 +1,262 @@
+#include "options.h"
+
+#include <cstddef>
+
+namespace OvraCli {
+namespace {
+
+struct CommandSpec {
+    Command command;
+    const char *name;
+    const char *synopsis;
+    std::size_t minOperands;
+    std::size_t maxOperands;
+    bool takesSearchOptions;
+    const char *details;
+};
+
+const CommandSpec kCommands[] = {
+    {Command::kWrite, "write", "write KEYWORD KNOWLEDGE [options]", 2, 2, false,
+     "Stores KNOWLEDGE under KEYWORD for the op type (--op-type), replacing any record with that keyword.\n"
+     "The record is durable when the command returns.\n"},
+    {Command::kSearch, "search", "search KEYWORD [--type exact|prefix|all] [--json] [options]", 0, 1, true,
+     "Prints the records of the op type (--op-type) that match KEYWORD:\n"
+     "  --type exact   the record whose keyword is KEYWORD (default)\n"
+     "  --type prefix  the records whose keyword starts with KEYWORD\n"
+     "  --type all     every record of the op type; KEYWORD may be left out.\n"
+     "                 With --op-type '*' every record of every op type.\n"
+     "  --json         a JSON array of objects (every field of each row) instead of a table\n"
+     "The table has the columns keyword, op_type and knowledge; on a terminal (or with COLUMNS set)\n"
+     "knowledge is cut with an ellipsis at the terminal width.\n"},
+    {Command::kDelete, "delete", "delete KEYWORD [options]", 1, 1, false,
+     "Deletes the record under KEYWORD for the op type (--op-type). Deleting a missing record succeeds.\n"},
+    {Command::kImport, "import", "import FILE [options]", 1, 1, false,
+     "Writes the records of FILE, JSON lines of the form\n"
+     "  {\"keyword\": \"...\", \"knowledge\": \"...\", \"op_type\": \"...\"}\n"
+     "(a line without op_type takes --op-type; other fields are ignored; blank lines are skipped).\n"
+     "Every line is checked before the first write, so a malformed file writes nothing.\n"
+     "Records are written without waiting for the disk except the last one, which is made durable;\n"
+     "the knowledge base's durable commit also makes the earlier ones durable.\n"
+     "Files of 1000 records or more show their progress on standard error. A record that the knowledge base\n"
+     "refuses stops the import there; the records before it stay written.\n"},
+    {Command::kExport, "export", "export [FILE] [options]", 0, 1, false,
+     "Writes every record of every op type (or only of --op-type when it is given) as JSON lines to FILE,\n"
+     "or to standard output without FILE. The output of export is the input of import.\n"},
+    {Command::kDemo, "demo", "demo [options]", 0, 0, false,
+     "Shows the knowledge base at work: writes a few records under two op types into a fresh bank,\n"
+     "searches them exactly, by prefix and all at once, deletes one, and tells each step.\n"
+     "The bank is a temporary directory, removed at the end, unless --bank names an empty or new one.\n"},
+    {Command::kDoctor, "doctor", "doctor [options]", 0, 0, false,
+     "Checks what the knowledge base needs, one line per check, each \"ok\" or the fix to apply:\n"
+     "  python3    which python3 the search path finds (and what a version-manager shim costs)\n"
+     "  LDLIBRARY  and LIBDIR: the answers the library asks python3 for\n"
+     "  runtime    that file exists and is a shared library exporting the 47 entry points bound\n"
+     "  modules    the knowledge-base module and its log module import with the PYTHONPATH used\n"
+     "  bank       the bank directory (--bank) is writable\n"
+     "Exits with 0 when every check passes, 1 otherwise.\n"},
+};
+
+const char kCommonOptions[] =
+    "Common options:\n"
+    "  --bank DIR       the bank directory (default: $OVRA_KB_BANK, else $XDG_DATA_HOME/ovra-kb/bank,\n"
+    "                   else ~/.local/share/ovra-kb/bank)\n"
+    "  --soc NAME       the chip (soc_version; default Ascend910B)\n"
+    "  --cores N        its number of cores (core_num; default 8)\n"
+    "  --op-type NAME   the operator type of the records (default generic); an empty NAME\n"
+    "                   is passed on as missing, which the library refuses with status 2\n"
+    "  --verbose        show the library's log lines (OVRA_LOG_LEVEL=info with event lines);\n"
+    "                   otherwise they are off unless OVRA_LOG_LEVEL is set\n"
+    "  -h, --help       this help; --version prints the version\n";
+
+const char kPackageLookup[] =
+    "The knowledge-base package (oxe.common.repository_manager) is imported by the python3 on the\n"
+    "search path. When python3 cannot import it with the PYTHONPATH given, ovra-kb puts in front of\n"
+    "PYTHONPATH, in this order: $OVRA_KB_PYTHON_DIR, <dir of ovra-kb>/../share/ovra_kb/python and,\n"
+    "when ovra-kb runs from its build tree, the source tree's python/.\n";
+
+const char kExitStatuses[] =
+    "Exit status: 0 success; 2 a required setting is missing; 3 Python could not be started;\n"
+    "4 a value is not valid UTF-8; 5 Python could not make a dictionary; 6 the knowledge base\n"
+    "refused the call; 1 doctor found a problem; 64 usage error; 65 malformed import file;\n"
+    "66 import file unreadable; 73 export file not writable.\n";
+
+const CommandSpec *FindCommand(const std::string &name) {
+    for (const CommandSpec &spec : kCommands) {
+        if (name == spec.name) {
+            return &spec;
+        }
+    }
+    return nullptr;
+}
+
+const CommandSpec *SpecOf(Command command) {
+    for (const CommandSpec &spec : kCommands) {
+        if (spec.command == command) {
+            return &spec;
+        }
+    }
+    return nullptr;
+}
+
+std::string *ValueField(const std::string &name, Options &options) {
+    if (name == "--bank") {
+        return &options.bank;
+    }
+    if (name == "--soc") {
+        return &options.soc;
+    }
+    if (name == "--cores") {
+        return &options.cores;
+    }
+    if (name == "--op-type") {
+        options.opTypeGiven = true;
+        return &options.opType;
+    }
+    if (name == "--type") {
+        return &options.searchType;
+    }
+    return nullptr;
+}
+
+bool *FlagField(const std::string &name, Options &options) {
+    if (name == "--help" || name == "-h") {
+        return &options.help;
+    }
+    if (name == "--version") {
+        return &options.version;
+    }
+    if (name == "--verbose") {
+        return &options.verbose;
+    }
+    if (name == "--json") {
+        return &options.json;
+    }
+    return nullptr;
+}
+
+class Parser {
+  public:
+    explicit Parser(const std::vector<std::string> &args) : args_(args) {}
+
+    ParsedCommandLine Parse() {
+        for (next_ = 0; next_ < args_.size() && result_.usageError.empty();) {
+            const std::string &arg = args_[next_++];
+            if (operandsOnly_ || arg.size() < 2 || arg[0] != '-') {
+                TakeOperand(arg);
+            } else if (arg == "--") {
+                operandsOnly_ = true;
+            } else {
+                TakeOption(arg);
+            }
+        }
+        if (result_.usageError.empty()) {
+            CheckAgainstCommand();
+        }
+        return result_;
+    }
+
+  private:
+    void TakeOperand(const std::string &arg) {
+        Options &options = result_.options;
+        if (options.command != Command::kNone) {
+            options.operands.push_back(arg);
+            return;
+        }
+        if (arg == "help" && !options.help) {
+            options.help = true;
+            return;
+        }
+        const CommandSpec *spec = FindCommand(arg);
+        if (spec == nullptr) {
+            result_.usageError = "unknown command '" + arg + "'";
+            return;
+        }
+        options.command = spec->command;
+    }
+
+    void TakeOption(const std::string &arg) {
+        const std::size_t equals = arg.find('=');
+        const std::string name = arg.substr(0, equals);
+        Options &options = result_.options;
+        if (name == "--type" || name == "--json") {
+            searchOnlyOption_ = name;
+        }
+        if (bool *flag = FlagField(name, options)) {
+            if (equals != std::string::npos) {
+                result_.usageError = "option " + name + " takes no value";
+            }
+            *flag = true;
+            return;
+        }
+        std::string *field = ValueField(name, options);
+        if (field == nullptr) {
+            result_.usageError = "unknown option " + name;
+        } else if (equals != std::string::npos) {
+            *field = arg.substr(equals + 1);
+        } else if (next_ < args_.size()) {
+            *field = args_[next_++];
+        } else {
+            result_.usageError = "option " + name + " needs a value";
+        }
+    }
+
+    void CheckAgainstCommand() {
+        const Options &options = result_.options;
+        if (options.help || options.version) {
+            return;
+        }
+        const CommandSpec *spec = SpecOf(options.command);
+        if (spec == nullptr) {
+            result_.usageError = "no command given";
+        } else if (!spec->takesSearchOptions && !searchOnlyOption_.empty()) {
+            result_.usageError = "option " + searchOnlyOption_ + " applies only to search";
+        } else if (options.operands.size() < spec->minOperands) {
+            result_.usageError = "missing operand";
+        } else if (options.operands.size() > spec->maxOperands) {
+            result_.usageError = "unexpected operand '" + options.operands[spec->maxOperands] + "'";
+        } else if (options.command == Command::kSearch && options.operands.empty() && options.searchType != "all") {
+            result_.usageError = "missing KEYWORD (only --type all may leave it out)";
+        }
+    }
+
+    const std::vector<std::string> &args_;
+    std::size_t next_ = 0;
+    bool operandsOnly_ = false;
+    std::string searchOnlyOption_;  // the last --type or --json seen
+    ParsedCommandLine result_;
+};
+
+std::string CommandList() {
+    std::string text = "Commands:\n";
+    for (const CommandSpec &spec : kCommands) {
+        text += "  ovra-kb " + std::string(spec.synopsis) + "\n";
+    }
+    text += "  ovra-kb help COMMAND\n";
+    return text;
+}
+
+}  // namespace
+
+ParsedCommandLine ParseCommandLine(const std::vector<std::string> &args) {
+    return Parser(args).Parse();
+}
+
+std::string UsageLine(Command command) {
+    const CommandSpec *spec = SpecOf(command);
+    if (spec == nullptr) {
+        return "usage: ovra-kb COMMAND [ARGS] [options] (commands: write, search, delete, import, export, demo, "
+               "doctor; see ovra-kb --help)";
+    }
+    return "usage: ovra-kb " + std::string(spec->synopsis);
+}
+
+std::string HelpText(Command command) {
+    const CommandSpec *spec = SpecOf(command);
+    if (spec == nullptr) {
+        return "ovra-kb: write, search and manage the records of an operator knowledge bank.\n\n" + CommandList() +
+               "\n" + kCommonOptions + "\n" + kPackageLookup + "\n" + kExitStatuses;
+    }
+    return UsageLine(command) + "\n\n" + spec->details + "\n" + kCommonOptions;
+}
+
+}  // namespace OvraCli

@@ -1,0 +1,25 @@
+// Search results as a person or a program reads them.
+#ifndef OVRA_KB_TOOLS_OUTPUT_H
+#define OVRA_KB_TOOLS_OUTPUT_H
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "ovra_kb/ovra_kb_api.h"
+
+namespace OvraCli {
+
+// Columns for one line: $COLUMNS, else the terminal's width when standard output is one; 0 means no limit.
+std::size_t OutputWidth();
+
+// An aligned table with the columns keyword, op_type and knowledge. When `width` is not 0 the knowledge
+// is cut with an ellipsis so that each line fits.
+std::string FormatTable(const std::vector<OvraKb::StrMap> &rows, std::size_t width);
+
+// A JSON array holding one object per row with every field of the row.
+std::string FormatJsonArray(const std::vector<OvraKb::StrMap> &rows);
+
+}  // namespace OvraCli
+
+#endif  // OVRA_KB_TOOLS_OUTPUT_H
