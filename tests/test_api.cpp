@@ -10,21 +10,9 @@
 #include "ovra_kb/ovra_kb_api.h"
 #include "test_env.h"
 
-using OvraKb::StrMap;
-using OvraTest::LEVEL_ERROR;
-using OvraTest::LEVEL_EVENT;
-using OvraTest::LEVEL_WARNING;
-using OvraTest::LogCapture;
-using OvraTest::TempDir;
+using namespace OvraTest;
 
 namespace {
-
-using Strings = std::vector<std::string>;
-using Rows = std::vector<StrMap>;
-
-const StrMap SYS = {{"soc_version", "Ascend910B"}, {"core_num", "8"}};
-const StrMap LOAD = {{"op_bank_path", "/tmp/ovra-bank"}};
-const StrMap OP = {{"op_type", "Add"}};
 
 // Runs `work` on a thread of its own: a new thread has a fresh Python thread state, so an
 // error that one call leaves pending does not reach the next case.
@@ -40,7 +28,7 @@ Strings FailureLines()
 {
     Strings out;
     for (const OvraTest::LogLine &line : LogCapture::Lines()) {
-        if (line.level == LEVEL_ERROR && (line.file == "py_interface" || line.file == "ovra_kb_api")) {
+        if (line.level == OVRA_LEVEL_ERROR && (line.file == "py_interface" || line.file == "ovra_kb_api")) {
             out.push_back(line.message);
         }
     }
@@ -49,7 +37,7 @@ Strings FailureLines()
 
 Strings TracebackLines()
 {
-    return LogCapture::Messages(LEVEL_ERROR, "pywrapper");
+    return LogCapture::Messages(OVRA_LEVEL_ERROR, "pywrapper");
 }
 
 class Api : public ::testing::Test {
@@ -401,7 +389,7 @@ TEST_F(Api, FinishedSearchWithoutUsableRowsStillSucceeds)
         EXPECT_TRUE(FailureLines().empty());
         if (std::string(answer).find("'a'") != std::string::npos) {
             EXPECT_EQ(rows, (Rows{{{"a", "1"}}}));
-            EXPECT_EQ(LogCapture::Messages(LEVEL_WARNING), Strings{"PylistToVec: mapTmp is empty."});
+            EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_WARNING), Strings{"PylistToVec: mapTmp is empty."});
         } else {
             EXPECT_TRUE(rows.empty());
         }
@@ -457,7 +445,7 @@ TEST_F(Api, TwoInitsAndTwoFinalisesStartAndStopPythonOnce)
     EXPECT_EQ(OvraKbFinalize(), 0U);
     EXPECT_EQ(scripted_.CallsOf("ovra_kb_init").size(), 2U);
     EXPECT_EQ(scripted_.CallsOf("ovra_kb_finalize").size(), 2U);
-    Strings events = LogCapture::Messages(LEVEL_EVENT, "ovra_kb_pyfunc_mgr");
+    Strings events = LogCapture::Messages(OVRA_LEVEL_EVENT, "ovra_kb_pyfunc_mgr");
     EXPECT_EQ(std::count(events.begin(), events.end(), "OvraKbPyfuncMgr: Run PyObjectInit successfully!"), 1);
     EXPECT_EQ(std::count(events.begin(), events.end(), "OvraKbPyfuncMgr: PyObjectDeinit function end successfully!"), 1);
 }
@@ -467,13 +455,13 @@ TEST_F(Api, FailingModuleFinaliseLeavesPythonUpUntilItSucceeds)
     Up();
     scripted_.SetScript(Script("ovra_kb_finalize", "fail(RuntimeError('busy'))"));
     EXPECT_EQ(OvraKbFinalize(), 6U);
-    Strings events = LogCapture::Messages(LEVEL_EVENT, "ovra_kb_pyfunc_mgr");
+    Strings events = LogCapture::Messages(OVRA_LEVEL_EVENT, "ovra_kb_pyfunc_mgr");
     EXPECT_EQ(std::count(events.begin(), events.end(), "OvraKbPyfuncMgr: PyObjectDeinit function end successfully!"), 0);
     scripted_.SetScript("{}");
     Rows rows;
     EXPECT_EQ(OvraKbSearch("kw", OP, rows), 0U) << "Python is still up";
     EXPECT_EQ(OvraKbFinalize(), 0U);
-    events = LogCapture::Messages(LEVEL_EVENT, "ovra_kb_pyfunc_mgr");
+    events = LogCapture::Messages(OVRA_LEVEL_EVENT, "ovra_kb_pyfunc_mgr");
     EXPECT_EQ(std::count(events.begin(), events.end(), "OvraKbPyfuncMgr: PyObjectDeinit function end successfully!"), 1);
     EXPECT_EQ(scripted_.CallsOf("ovra_kb_finalize").size(), 2U);
 }
@@ -483,7 +471,7 @@ TEST_F(Api, FailedInitLeavesTheUserCountedUntilFinalised)
     EXPECT_EQ(OvraKbInit({{"soc_version", "x"}}, LOAD), 2U);
     EXPECT_EQ(OvraKbWrite("kw", "text", OP, true), 0U) << "the Python side stays up after a refused configuration";
     EXPECT_EQ(OvraKbFinalize(), 0U);
-    Strings events = LogCapture::Messages(LEVEL_EVENT, "ovra_kb_pyfunc_mgr");
+    Strings events = LogCapture::Messages(OVRA_LEVEL_EVENT, "ovra_kb_pyfunc_mgr");
     EXPECT_EQ(std::count(events.begin(), events.end(), "OvraKbPyfuncMgr: PyObjectDeinit function end successfully!"), 1);
 }
 

@@ -14,18 +14,9 @@
 #include "ovra_kb/ovra_kb_api.h"
 #include "test_env.h"
 
-using OvraKb::StrMap;
-using OvraTest::LEVEL_ERROR;
-using OvraTest::LogCapture;
-using OvraTest::TempDir;
+using namespace OvraTest;
 
 namespace {
-
-using Strings = std::vector<std::string>;
-using Rows = std::vector<StrMap>;
-const StrMap SYS = {{"soc_version", "Ascend910B"}, {"core_num", "8"}};
-const StrMap LOAD = {{"op_bank_path", "/tmp/ovra-bank"}};
-const StrMap OP = {{"op_type", "Add"}};
 
 const Strings START_UP_FAILED = {"PyObjectInit of OvraKbPyfuncMgr Error!", "Run PyInterfaceInit Error!"};
 
@@ -40,7 +31,7 @@ Strings ErrorLines()
 {
     Strings out;
     for (const OvraTest::LogLine &line : LogCapture::Lines()) {
-        if (line.level == LEVEL_ERROR && line.file != "pywrapper") {
+        if (line.level == OVRA_LEVEL_ERROR && line.file != "pywrapper") {
             out.push_back(line.message);
         }
     }
@@ -148,7 +139,7 @@ TEST_P(Faults, GiveTheirStatusAndLinesAndTheProcessGoesOn)
     } else {
         ASSERT_EQ(reports.size(), 1U);
         EXPECT_EQ(reports[0].first, c.reportCode);
-        Strings traceback = LogCapture::Messages(LEVEL_ERROR, "pywrapper");
+        Strings traceback = LogCapture::Messages(OVRA_LEVEL_ERROR, "pywrapper");
         ASSERT_FALSE(traceback.empty());
         EXPECT_EQ(traceback.back(), c.lastTracebackLine);
     }

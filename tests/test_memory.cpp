@@ -11,15 +11,10 @@
 #include "ovra_kb/ovra_kb_api.h"
 #include "test_env.h"
 
-using OvraKb::StrMap;
-using OvraTest::TempDir;
+using namespace OvraTest;
 
 namespace {
 
-using Rows = std::vector<StrMap>;
-const StrMap SYS = {{"soc_version", "Ascend910B"}, {"core_num", "8"}};
-const StrMap LOAD = {{"op_bank_path", "/tmp/ovra-bank"}};
-const StrMap OP = {{"op_type", "Add"}};
 const StrMap MEASURE = {{"op_type", "measure"}};
 constexpr int N = 40;
 // The interpreter's own caches come and go by a few objects between two measurements; a leak of

@@ -17,10 +17,6 @@
 using OvraKb::PyObject;
 using OvraKb::PyObjectPtr;
 using OvraKb::StrMap;
-using OvraTest::LEVEL_ERROR;
-using OvraTest::LEVEL_EVENT;
-using OvraTest::LEVEL_INFO;
-using OvraTest::LEVEL_WARNING;
 using OvraTest::LogCapture;
 using OvraTest::TempDir;
 namespace PyWrapper = OvraKb::PyWrapper;
@@ -123,7 +119,7 @@ protected:
         LogCapture::Clear();
     }
     size_t Queries() const { return OvraTest::ReadLines(counter_).size(); }
-    Strings ManagerEvents() const { return LogCapture::Messages(LEVEL_EVENT, "ovra_kb_pyfunc_mgr"); }
+    Strings ManagerEvents() const { return LogCapture::Messages(OVRA_LEVEL_EVENT, "ovra_kb_pyfunc_mgr"); }
 
     TempDir dir_;
     std::string counter_ = dir_.File("python3-runs.txt");
@@ -160,7 +156,7 @@ TEST_F(PythonSide, FirstUserStartsSecondIsCountedLastStopsAndTheCycleRepeats)
         LogCapture::Clear();
         ASSERT_TRUE(Manager().PyObjectInit());
         EXPECT_EQ(Users(), 2U);
-        EXPECT_EQ(LogCapture::Messages(LEVEL_INFO, "ovra_kb_pyfunc_mgr"),
+        EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_INFO, "ovra_kb_pyfunc_mgr"),
                   Strings{"PyObjectInit: PyObject has been initialized, no need to re-initialize!"});
         EXPECT_EQ(ManagerEvents(), Strings{"OvraKbPyfuncMgr: Enter PyObjectInit, reference_ is 1!"});
         EXPECT_EQ(Queries(), queriesAfterStart);
@@ -168,7 +164,7 @@ TEST_F(PythonSide, FirstUserStartsSecondIsCountedLastStopsAndTheCycleRepeats)
         LogCapture::Clear();
         Manager().PyObjectDeinit();
         EXPECT_EQ(Users(), 1U);
-        EXPECT_EQ(LogCapture::Messages(LEVEL_INFO, "ovra_kb_pyfunc_mgr"), Strings{"PyObject does not need to deinit"});
+        EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_INFO, "ovra_kb_pyfunc_mgr"), Strings{"PyObject does not need to deinit"});
         EXPECT_EQ(Api().Py_IsInitialized(), 1);
 
         LogCapture::Clear();
@@ -186,7 +182,7 @@ TEST_F(PythonSide, FailedStartUpCountsNoUserAndTheRetryLoadsNothing)
 {
     OvraTest::UsePackages({"variants/log_without_dict", "kb"});
     ASSERT_FALSE(Manager().PyObjectInit());
-    EXPECT_EQ(LogCapture::Messages(LEVEL_ERROR, "ovra_kb_pyfunc_mgr"),
+    EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_ERROR, "ovra_kb_pyfunc_mgr"),
               Strings{"PyObjectInit: pyPrintFunc or pyUploadFunc is nullptr."});
     EXPECT_EQ(Users(), 0U);
     EXPECT_EQ(Api().Py_IsInitialized(), 1) << "nothing is rolled back";
@@ -200,10 +196,10 @@ TEST_F(PythonSide, FailedStartUpCountsNoUserAndTheRetryLoadsNothing)
     Strings events = ManagerEvents();
     EXPECT_NE(std::find(events.begin(), events.end(), "OVRA_KB_Py has already been initialized."), events.end());
     EXPECT_TRUE(Manager().PyAlreadyInited()) << "the interpreter started by the failed attempt now counts as a host's";
-    EXPECT_EQ(LogCapture::Messages(LEVEL_EVENT, "handle_manager"),
+    EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_EVENT, "handle_manager"),
               Strings{"Start to run init functions to load dynamic python lib!"})
         << "no load is attempted";
-    EXPECT_EQ(LogCapture::Messages(LEVEL_INFO, "handle_manager"), Strings{"Dynamic python lib has been inited!"});
+    EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_INFO, "handle_manager"), Strings{"Dynamic python lib has been inited!"});
     EXPECT_EQ(Users(), 0U);
 }
 
@@ -211,7 +207,7 @@ TEST_F(PythonSide, FinalisingWithoutStartUpWrapsTheCount)
 {
     Manager().PyObjectDeinit();
     EXPECT_EQ(Users(), UINT64_MAX);
-    EXPECT_EQ(LogCapture::Messages(LEVEL_INFO, "ovra_kb_pyfunc_mgr"), Strings{"PyObject does not need to deinit"});
+    EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_INFO, "ovra_kb_pyfunc_mgr"), Strings{"PyObject does not need to deinit"});
 
     EXPECT_TRUE(Manager().PyObjectInit());
     EXPECT_EQ(Users(), 0U);
@@ -239,7 +235,7 @@ TEST_P(HostInterpreter, IsJoinedNeverLoadedAgainNorFinalised)
     LogCapture::Clear();
     ASSERT_TRUE(Manager().PyObjectInit());
     EXPECT_EQ(Queries(), 0U) << "no python3 query when the process already carries a runtime";
-    EXPECT_EQ(LogCapture::Messages(LEVEL_EVENT, "handle_manager"),
+    EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_EVENT, "handle_manager"),
               (Strings{"Start to run init functions to load dynamic python lib!",
                        "Init functions of loading dynamic python lib end!"}));
     Strings events = ManagerEvents();
@@ -421,7 +417,7 @@ TEST_F(Conversions, StringListIsAllOrNothing)
         Strings out = c.before;
         EXPECT_EQ(PyWrapper::PyParseStrList(list, out), c.result);
         EXPECT_EQ(out, c.after);
-        EXPECT_EQ(LogCapture::Messages(LEVEL_ERROR), c.errors);
+        EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_ERROR), c.errors);
         DiscardPendingError();
     }
 }
@@ -452,7 +448,7 @@ TEST_F(Conversions, DictionaryKeepsGoodItemsAndSkipsBadOnes)
         StrMap out = c.before;
         PyWrapper::PydictToMap(dict.get(), out);
         EXPECT_EQ(out, c.after);
-        EXPECT_EQ(LogCapture::Messages(LEVEL_WARNING), c.warnings);
+        EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_WARNING), c.warnings);
         DiscardPendingError();
     }
 }
@@ -484,7 +480,7 @@ TEST_F(Conversions, ListOfDictionariesStopsAtTheFirstBadRowAndKeepsEarlierOnes)
         std::vector<StrMap> out = c.before;
         PyWrapper::PylistToVec(list.get(), out);
         EXPECT_EQ(out, c.after);
-        EXPECT_EQ(LogCapture::Messages(LEVEL_WARNING), c.warnings);
+        EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_WARNING), c.warnings);
         DiscardPendingError();
     }
 }
@@ -590,7 +586,7 @@ TEST_F(Exceptions, TracebackLinesAreLoggedInOrderAndTheLastIsReturned)
     LogCapture::Clear();
     std::string text = PyWrapper::GetPyException();
     EXPECT_EQ(text, "ZeroDivisionError: division by zero.");
-    Strings lines = LogCapture::Messages(LEVEL_ERROR, "pywrapper");
+    Strings lines = LogCapture::Messages(OVRA_LEVEL_ERROR, "pywrapper");
     ASSERT_GE(lines.size(), 3U);
     EXPECT_EQ(lines.front(), "Traceback (most recent call last):\n");
     EXPECT_EQ(lines.back(), "ZeroDivisionError: division by zero\n");
@@ -608,7 +604,7 @@ TEST_F(Exceptions, WithoutFormatFunctionNothingIsLogged)
     LogCapture::Clear();
     EXPECT_EQ(PyWrapper::GetPyException(), "");
     PyWrapper::g_pyFormatExceptionFunc = saved;
-    EXPECT_TRUE(LogCapture::Messages(LEVEL_ERROR).empty());
+    EXPECT_TRUE(LogCapture::Messages(OVRA_LEVEL_ERROR).empty());
     DiscardPendingError();
 }
 
@@ -617,7 +613,7 @@ TEST_F(Exceptions, NoExceptionFormatsThreeNones)
     Gil gil;
     LogCapture::Clear();
     EXPECT_EQ(PyWrapper::GetPyException(nullptr, nullptr, nullptr), "NoneType: None.");
-    EXPECT_EQ(LogCapture::Messages(LEVEL_ERROR), Strings{"NoneType: None\n"});
+    EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_ERROR), Strings{"NoneType: None\n"});
 }
 
 TEST_F(Exceptions, FailedImportMakesExactlyOneFallbackReport)
@@ -633,7 +629,7 @@ TEST_F(Exceptions, FailedImportMakesExactlyOneFallbackReport)
     ASSERT_EQ(reports.size(), 1U);
     EXPECT_EQ(reports[0].first, "EC0010");
     EXPECT_EQ(reports[0].second, (StrMap{{"result", text}}));
-    EXPECT_EQ(LogCapture::Messages(LEVEL_ERROR, "pywrapper").back(),
+    EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_ERROR, "pywrapper").back(),
               "ModuleNotFoundError: No module named 'no_such_module_for_ovra'\n");
 }
 
@@ -652,7 +648,7 @@ TEST_P(KbImportFailure, ReportsTheModulesOwnCodeOrTheFallback)
     OvraTest::UsePackages({"variants/interface_raises", "log"});
     EXPECT_FALSE(Manager().PyObjectInit());
     EXPECT_EQ(Users(), 0U);
-    EXPECT_EQ(LogCapture::Messages(LEVEL_ERROR, "ovra_kb_pyfunc_mgr"),
+    EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_ERROR, "ovra_kb_pyfunc_mgr"),
               (Strings{"OVRA_KB import ovraKbInterface_ error", "PyObjectInit: Run Init error."}));
     auto reports = OvraTest::ErrorReports();
     ASSERT_EQ(reports.size(), 1U);
@@ -673,7 +669,7 @@ TEST_F(PythonSide, MissingPackagesFailTheStartUp)
 {
     OvraTest::UsePackages({});
     EXPECT_FALSE(Manager().PyObjectInit());
-    EXPECT_EQ(LogCapture::Messages(LEVEL_ERROR, "ovra_kb_pyfunc_mgr"),
+    EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_ERROR, "ovra_kb_pyfunc_mgr"),
               Strings{"PyObjectInit: Import repository_manager_log error"});
     auto reports = OvraTest::ErrorReports();
     ASSERT_EQ(reports.size(), 1U);
@@ -701,7 +697,7 @@ TEST_F(Exceptions, OperationFailureReportsTheLogModulesDictionary)
     LogCapture::Clear();
     OvraKb::PyErrMessageReport(PyObjectPtr(nullptr, type, value, traceback));
     EXPECT_TRUE(OvraTest::ErrorReports().empty());
-    EXPECT_EQ(LogCapture::Messages(LEVEL_WARNING), Strings{"Failed to upload errcode message."});
+    EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_WARNING), Strings{"Failed to upload errcode message."});
 }
 
 struct TupleCase {
@@ -731,7 +727,7 @@ TEST_F(Exceptions, TupleFormReadsDetailsAndOperatorName)
         StrMap details = {{"kept", "yes"}};
         PyWrapper::UploadPyException(tuple, details);
         EXPECT_EQ(details, c.after);
-        EXPECT_EQ(LogCapture::Messages(LEVEL_WARNING), c.warnings);
+        EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_WARNING), c.warnings);
         DiscardPendingError();
     }
 }

@@ -10,10 +10,6 @@
 #include "runtime/handle_manager.h"
 #include "test_env.h"
 
-using OvraTest::LEVEL_DEBUG;
-using OvraTest::LEVEL_ERROR;
-using OvraTest::LEVEL_EVENT;
-using OvraTest::LEVEL_INFO;
 using OvraTest::LogCapture;
 using OvraTest::TempDir;
 
@@ -147,8 +143,8 @@ TEST_P(Discovery, AnswersAndLogLinesOfBothQueries)
 
     LogCapture::Clear();
     EXPECT_EQ(OvraKb::GetPythonLibName(), c.expectedName);
-    EXPECT_EQ(LogCapture::Messages(LEVEL_ERROR, "handle_manager"), c.expectedErrors);
-    std::vector<std::string> debug = LogCapture::Messages(LEVEL_DEBUG, "handle_manager");
+    EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_ERROR, "handle_manager"), c.expectedErrors);
+    std::vector<std::string> debug = LogCapture::Messages(OVRA_LEVEL_DEBUG, "handle_manager");
     if (c.nameOutput.empty()) {
         EXPECT_TRUE(debug.empty());
     } else {
@@ -171,13 +167,13 @@ TEST(DiscoveryWithoutPython, NoPython3OnThePath)
     setenv("PATH", dir.Path().c_str(), 1);
     LogCapture::Clear();
     EXPECT_EQ(OvraKb::GetPythonLibName(), "");
-    EXPECT_EQ(LogCapture::Messages(LEVEL_ERROR, "handle_manager"),
+    EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_ERROR, "handle_manager"),
               (std::vector<std::string>{"Cannot fetch the version information of the current python.",
                                         "Failed to get python3 [LDLIBRARY]."}));
 
     LogCapture::Clear();
     EXPECT_FALSE(Api().LaunchDynamicLib());
-    EXPECT_EQ(LogCapture::Messages(LEVEL_ERROR, "handle_manager"),
+    EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_ERROR, "handle_manager"),
               (std::vector<std::string>{"Cannot fetch the version information of the current python.",
                                         "Failed to get python3 [LDLIBRARY].",
                                         "Failed to get python3 lib name when trying to load library."}));
@@ -190,7 +186,7 @@ TEST(Loading, EmptyDirectoryAnswerFailsTheLoad)
     FakePython fake(dir, "libpython3.11.so\n", "");
     LogCapture::Clear();
     EXPECT_FALSE(Api().LaunchDynamicLib());
-    EXPECT_EQ(LogCapture::Messages(LEVEL_ERROR, "handle_manager"),
+    EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_ERROR, "handle_manager"),
               (std::vector<std::string>{"Cannot fetch the version information of the current python.",
                                         "Failed to get python3 lib dir when trying to load library."}));
     EXPECT_FALSE(Api().IsLoaded());
@@ -202,9 +198,9 @@ TEST(Loading, UnloadablePathIsReportedAndCanBeRetried)
     FakePython fake(dir, "libpython3.11.so\n", "None\n");
     LogCapture::Clear();
     EXPECT_FALSE(Api().LaunchDynamicLib());
-    EXPECT_EQ(LogCapture::Messages(LEVEL_EVENT, "handle_manager"),
+    EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_EVENT, "handle_manager"),
               std::vector<std::string>{"Start to load dynamic python lib!"});
-    EXPECT_EQ(LogCapture::Messages(LEVEL_ERROR, "handle_manager"),
+    EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_ERROR, "handle_manager"),
               std::vector<std::string>{Sprintf(INVALID_PATH_LINE, "None/libpython3.11.so")});
     EXPECT_FALSE(Api().IsLoaded());
     EXPECT_EQ(Api().DlHandle(), nullptr);
@@ -244,7 +240,7 @@ TEST_P(RealRuntime, LoadsOnceBindsEveryEntryAndReloadsAfterClose)
     LogCapture::Clear();
     ASSERT_TRUE(Api().LaunchDynamicLib());
     EXPECT_EQ(OvraTest::ReadLines(counter).size(), 2U);
-    EXPECT_EQ(LogCapture::Messages(LEVEL_EVENT, "handle_manager"),
+    EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_EVENT, "handle_manager"),
               (std::vector<std::string>{"Start to load dynamic python lib!",
                                         "Load dynamic Python library[" + expectedPath + "] successfully!"}));
     EXPECT_TRUE(Api().IsLoaded());
@@ -253,12 +249,12 @@ TEST_P(RealRuntime, LoadsOnceBindsEveryEntryAndReloadsAfterClose)
     LogCapture::Clear();
     EXPECT_TRUE(Api().LaunchDynamicLib());
     EXPECT_EQ(OvraTest::ReadLines(counter).size(), 2U) << "a second load must not ask python3 again";
-    EXPECT_EQ(LogCapture::Messages(LEVEL_INFO, "handle_manager"),
+    EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_INFO, "handle_manager"),
               std::vector<std::string>{"Dynamic python lib has already heen loaded!"});
 
     LogCapture::Clear();
     ASSERT_TRUE(Api().InitOvraKbFuncs());
-    EXPECT_EQ(LogCapture::Messages(LEVEL_EVENT, "handle_manager"),
+    EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_EVENT, "handle_manager"),
               (std::vector<std::string>{"Start to run init functions to load dynamic python lib!",
                                         "Init functions of loading dynamic python lib end!"}));
     std::vector<void *> entries = TableEntries();
@@ -271,7 +267,7 @@ TEST_P(RealRuntime, LoadsOnceBindsEveryEntryAndReloadsAfterClose)
 
     LogCapture::Clear();
     EXPECT_TRUE(Api().InitOvraKbFuncs());
-    EXPECT_EQ(LogCapture::Messages(LEVEL_INFO, "handle_manager"),
+    EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_INFO, "handle_manager"),
               std::vector<std::string>{"Dynamic python lib has been inited!"});
 
     ASSERT_TRUE(Api().HandleClose());
@@ -283,7 +279,7 @@ TEST_P(RealRuntime, LoadsOnceBindsEveryEntryAndReloadsAfterClose)
     EXPECT_EQ(OvraTest::ReadLines(counter).size(), 4U) << "after a close the queries run again";
     LogCapture::Clear();
     ASSERT_TRUE(Api().InitOvraKbFuncs());
-    EXPECT_EQ(LogCapture::Messages(LEVEL_EVENT, "handle_manager").back(),
+    EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_EVENT, "handle_manager").back(),
               "Init functions of loading dynamic python lib end!");
     EXPECT_EQ(TableEntries()[0], dlsym(Api().DlHandle(), "_Py_TrueStruct"));
 }
@@ -322,7 +318,7 @@ TEST_P(IncompleteRuntime, FailsAtTheMissingRowAndLooksUpNothingAfterIt)
         LogCapture::Clear();
         EXPECT_FALSE(Api().InitOvraKbFuncs());
         EXPECT_FALSE(Api().IsInited());
-        std::vector<std::string> errors = LogCapture::Messages(LEVEL_ERROR, "handle_manager");
+        std::vector<std::string> errors = LogCapture::Messages(OVRA_LEVEL_ERROR, "handle_manager");
         ASSERT_EQ(errors.size(), 1U);
         const std::string prefix = "Failed to run dlsym function for " + c.failureName + ", error message: [";
         EXPECT_EQ(errors[0].substr(0, prefix.size()), prefix) << errors[0];

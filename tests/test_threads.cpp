@@ -12,21 +12,13 @@
 #include "ovra_kb/ovra_kb_api.h"
 #include "test_env.h"
 
-using OvraKb::StrMap;
-using OvraTest::LEVEL_EVENT;
-using OvraTest::LogCapture;
-using OvraTest::TempDir;
+using namespace OvraTest;
 
 namespace {
 
-using Rows = std::vector<StrMap>;
-const StrMap SYS = {{"soc_version", "Ascend910B"}, {"core_num", "8"}};
-const StrMap LOAD = {{"op_bank_path", "/tmp/ovra-bank"}};
-const StrMap OP = {{"op_type", "Add"}};
-
 long CountEvents(const std::string &message)
 {
-    std::vector<std::string> events = LogCapture::Messages(LEVEL_EVENT, "ovra_kb_pyfunc_mgr");
+    std::vector<std::string> events = LogCapture::Messages(OVRA_LEVEL_EVENT, "ovra_kb_pyfunc_mgr");
     return std::count(events.begin(), events.end(), message);
 }
 

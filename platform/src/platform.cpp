@@ -15,35 +15,31 @@
 
 namespace {
 
-constexpr int LEVEL_DEBUG = 0;
-constexpr int LEVEL_INFO = 1;
-constexpr int LEVEL_WARNING = 2;
-constexpr int LEVEL_ERROR = 3;
-constexpr int LEVEL_OFF = 4;
-constexpr int LEVEL_EVENT = 16;
+// A threshold above every level: nothing is written.
+constexpr int LEVEL_OFF = OVRA_LEVEL_ERROR + 1;
 
 struct LogSettings {
-    int threshold = LEVEL_WARNING;
+    int threshold = OVRA_LEVEL_WARNING;
     bool events = false;
 };
 
 int ParseThreshold(const char *text)
 {
     if (text == nullptr || *text == '\0') {
-        return LEVEL_WARNING;
+        return OVRA_LEVEL_WARNING;
     }
     static const struct {
         const char *name;
         int level;
-    } names[] = {{"debug", LEVEL_DEBUG}, {"info", LEVEL_INFO},   {"warning", LEVEL_WARNING}, {"warn", LEVEL_WARNING},
-                 {"error", LEVEL_ERROR}, {"off", LEVEL_OFF},     {"none", LEVEL_OFF},        {"0", LEVEL_DEBUG},
-                 {"1", LEVEL_INFO},      {"2", LEVEL_WARNING},   {"3", LEVEL_ERROR},         {"4", LEVEL_OFF}};
+    } names[] = {{"debug", OVRA_LEVEL_DEBUG}, {"info", OVRA_LEVEL_INFO},   {"warning", OVRA_LEVEL_WARNING}, {"warn", OVRA_LEVEL_WARNING},
+                 {"error", OVRA_LEVEL_ERROR}, {"off", LEVEL_OFF},     {"none", LEVEL_OFF},        {"0", OVRA_LEVEL_DEBUG},
+                 {"1", OVRA_LEVEL_INFO},      {"2", OVRA_LEVEL_WARNING},   {"3", OVRA_LEVEL_ERROR},         {"4", LEVEL_OFF}};
     for (const auto &entry : names) {
         if (strcasecmp(text, entry.name) == 0) {
             return entry.level;
         }
     }
-    return LEVEL_WARNING;
+    return OVRA_LEVEL_WARNING;
 }
 
 bool ParseSwitch(const char *text)
@@ -67,24 +63,24 @@ const LogSettings &Settings()
 bool LevelEnabled(int level)
 {
     const LogSettings &settings = Settings();
-    if (level == LEVEL_EVENT) {
+    if (level == OVRA_LEVEL_EVENT) {
         return settings.events;
     }
-    return level >= LEVEL_DEBUG && level <= LEVEL_ERROR && level >= settings.threshold;
+    return level >= OVRA_LEVEL_DEBUG && level <= OVRA_LEVEL_ERROR && level >= settings.threshold;
 }
 
 const char *LevelName(int level)
 {
     switch (level) {
-        case LEVEL_DEBUG:
+        case OVRA_LEVEL_DEBUG:
             return "DEBUG";
-        case LEVEL_INFO:
+        case OVRA_LEVEL_INFO:
             return "INFO";
-        case LEVEL_WARNING:
+        case OVRA_LEVEL_WARNING:
             return "WARNING";
-        case LEVEL_ERROR:
+        case OVRA_LEVEL_ERROR:
             return "ERROR";
-        case LEVEL_EVENT:
+        case OVRA_LEVEL_EVENT:
             return "EVENT";
         default:
             return "UNKNOWN";
@@ -199,8 +195,8 @@ ErrorManager &ErrorManager::GetInstance()
 
 int ErrorManager::ReportErrMessage(std::string errCode, const std::map<std::string, std::string> &args)
 {
-    if (LevelEnabled(LEVEL_ERROR)) {
-        WriteLine(LEVEL_ERROR, "error report " + errCode + " " + DescribeDetails(args));
+    if (LevelEnabled(OVRA_LEVEL_ERROR)) {
+        WriteLine(OVRA_LEVEL_ERROR, "error report " + errCode + " " + DescribeDetails(args));
     }
     std::lock_guard<std::mutex> lock(ReportsMutex());
     Reports().push_back(Report{std::move(errCode), args});

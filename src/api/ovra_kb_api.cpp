@@ -9,13 +9,13 @@ extern "C" std::uint32_t OvraKbInit(const OvraKb::StrMap &sysConfigMap, const Ov
 {
     std::uint32_t status = PyInterface::PyInterfaceInit();
     if (status != OvraKb::OVRA_KB_SUCCESS) {
-        OVRA_KB_LOG(OvraKb::OVRA_LOG_ERROR, "Run PyInterfaceInit Error!");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Run PyInterfaceInit Error!");
         return status;
     }
     // A failure here leaves the Python side up and counted: nothing is rolled back.
     status = PyInterface::OvraKbInit(sysConfigMap, loadConfigMap);
     if (status != OvraKb::OVRA_KB_SUCCESS) {
-        OVRA_KB_LOG(OvraKb::OVRA_LOG_ERROR, "Run OvraKbInit Error!");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Run OvraKbInit Error!");
     }
     return status;
 }
@@ -25,12 +25,12 @@ extern "C" std::uint32_t OvraKbFinalize()
     std::uint32_t status = PyInterface::OvraKbFinalize();
     if (status != OvraKb::OVRA_KB_SUCCESS) {
         // The Python side stays up so that a later call can try the module's finalisation again.
-        OVRA_KB_LOG(OvraKb::OVRA_LOG_ERROR, "Run OvraKbFinalize Error!");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Run OvraKbFinalize Error!");
         return status;
     }
     status = PyInterface::PyInterfaceDeinit();
     if (status != OvraKb::OVRA_KB_SUCCESS) {
-        OVRA_KB_LOG(OvraKb::OVRA_LOG_ERROR, "Run PyInterfaceDeinit Error!");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Run PyInterfaceDeinit Error!");
     }
     return status;
 }
@@ -40,7 +40,7 @@ extern "C" std::uint32_t OvraKbSearch(const std::string &keyword, const OvraKb::
 {
     std::uint32_t status = PyInterface::OvraKbSearch(keyword, searchConfigMap, results);
     if (status != OvraKb::OVRA_KB_SUCCESS) {
-        OVRA_KB_LOG(OvraKb::OVRA_LOG_ERROR, "Run OvraKbSearch Error!");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Run OvraKbSearch Error!");
     }
     return status;
 }
@@ -50,7 +50,7 @@ extern "C" std::uint32_t OvraKbWrite(const std::string &keyword, const std::stri
 {
     std::uint32_t status = PyInterface::OvraKbWrite(keyword, knowledge, writeConfigMap, flag);
     if (status != OvraKb::OVRA_KB_SUCCESS) {
-        OVRA_KB_LOG(OvraKb::OVRA_LOG_ERROR, "Run OvraKbWrite Error!");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Run OvraKbWrite Error!");
     }
     return status;
 }
@@ -60,7 +60,7 @@ extern "C" std::uint32_t OvraKbDelete(const std::string &keyword, const OvraKb::
 {
     std::uint32_t status = PyInterface::OvraKbDelete(keyword, writeConfigMap, flag);
     if (status != OvraKb::OVRA_KB_SUCCESS) {
-        OVRA_KB_LOG(OvraKb::OVRA_LOG_ERROR, "Run OvraKbDelete Error!");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Run OvraKbDelete Error!");
     }
     return status;
 }

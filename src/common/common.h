@@ -10,13 +10,8 @@ namespace OvraKb {
 
 using Status = std::uint32_t;
 
-// Platform log module of this library and its levels.
+// This library's module number in the platform log.
 constexpr int OVRA_KB_LOG_MODULE = 60;
-constexpr int OVRA_LOG_DEBUG = 0;
-constexpr int OVRA_LOG_INFO = 1;
-constexpr int OVRA_LOG_WARNING = 2;
-constexpr int OVRA_LOG_ERROR = 3;
-constexpr int OVRA_LOG_EVENT = 16;
 
 }  // namespace OvraKb
 

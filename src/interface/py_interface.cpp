@@ -76,14 +76,9 @@ bool BuildDictEntries(const StrMap &map, std::initializer_list<const char *> key
 // holder returned carries the triple and no object.
 PyObjectPtr CaptureAndReportException()
 {
-    PyObject *type = nullptr;
-    PyObject *value = nullptr;
-    PyObject *traceback = nullptr;
-    HandleManager &api = PyApi();
-    api.PyErr_Fetch(&type, &value, &traceback);
-    api.PyErr_NormalizeException(&type, &value, &traceback);
-    (void)PyWrapper::GetPyException(type, value, traceback);
-    PyObjectPtr exc(nullptr, type, value, traceback);
+    PyWrapper::PyExceptionTriple fetched = PyWrapper::FetchNormalizedException();
+    (void)PyWrapper::GetPyException(fetched.type, fetched.value, fetched.traceback);
+    PyObjectPtr exc(nullptr, fetched.type, fetched.value, fetched.traceback);
     PyErrMessageReport(exc);
     return exc;
 }
@@ -126,7 +121,7 @@ std::uint32_t RunChange(const char *operation, const char *pyFunction, const Str
     GilGuard gil;
     PyObject *dict = PyApi().PyDict_New();
     if (dict == nullptr) {
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "%s: create new pydict failed.", operation);
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "%s: create new pydict failed.", operation);
         return OVRA_KB_DICT_CREATION_FAILED;
     }
     if (GetParamsFromWriteConfig(writeConfigMap, dict) != OVRA_KB_SUCCESS) {
@@ -140,7 +135,7 @@ std::uint32_t RunChange(const char *operation, const char *pyFunction, const Str
         reply = HoldReply(callModule(module, dict));
     }
     if (reply.get() == nullptr || !ParsesAsZero(reply)) {
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "Failed to call %s.", pyFunction);
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Failed to call %s.", pyFunction);
         return OVRA_KB_PYTHON_CALL_FAILED;
     }
     return OVRA_KB_SUCCESS;
@@ -160,7 +155,7 @@ PollResult PollSearchOnce(PyObjectPtr &taskHandle, std::vector<StrMap> &results)
     }
     if (reply.get() == nullptr) {
         taskHandle = PyObjectPtr();
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "Failed to call ovra_kb_search_get.");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Failed to call ovra_kb_search_get.");
         return PollResult::CALL_FAILED;
     }
     PyObject *finished = api.PyTuple_GetItem(reply.get(), 0);
@@ -174,7 +169,7 @@ PollResult PollSearchOnce(PyObjectPtr &taskHandle, std::vector<StrMap> &results)
     }
     if (truth == -1) {
         taskHandle = PyObjectPtr();
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "ovra_kb_search_get check res failed.");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "ovra_kb_search_get check res failed.");
         return PollResult::FLAG_FAILED;
     }
     return PollResult::NOT_FINISHED;
@@ -185,7 +180,7 @@ PollResult PollSearchOnce(PyObjectPtr &taskHandle, std::vector<StrMap> &results)
 std::uint32_t CheckSysConfigMap(const StrMap &sysConfigMap)
 {
     if (!HasKeys(sysConfigMap, {"soc_version", "core_num"})) {
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "CheckSysConfigMap: Check sysConfigMap Failed!");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "CheckSysConfigMap: Check sysConfigMap Failed!");
         return OVRA_KB_CONFIG_KEY_MISSING;
     }
     return OVRA_KB_SUCCESS;
@@ -194,7 +189,7 @@ std::uint32_t CheckSysConfigMap(const StrMap &sysConfigMap)
 std::uint32_t CheckLoadConfigMap(const StrMap &loadConfigMap)
 {
     if (!HasKeys(loadConfigMap, {"op_bank_path"})) {
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "CheckLoadConfigMap: Check loadConfigMap Failed!");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "CheckLoadConfigMap: Check loadConfigMap Failed!");
         return OVRA_KB_CONFIG_KEY_MISSING;
     }
     return OVRA_KB_SUCCESS;
@@ -203,7 +198,7 @@ std::uint32_t CheckLoadConfigMap(const StrMap &loadConfigMap)
 std::uint32_t CheckSearchConfigMap(const StrMap &searchConfigMap)
 {
     if (!HasKeys(searchConfigMap, {"op_type"})) {
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "CheckSearchConfigMap: Check searchConfigMap Failed!");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "CheckSearchConfigMap: Check searchConfigMap Failed!");
         return OVRA_KB_CONFIG_KEY_MISSING;
     }
     return OVRA_KB_SUCCESS;
@@ -212,7 +207,7 @@ std::uint32_t CheckSearchConfigMap(const StrMap &searchConfigMap)
 std::uint32_t GetParamsFromSysConfig(const StrMap &sysConfigMap, PyObject *dict)
 {
     if (!BuildDictEntries(sysConfigMap, {"soc_version", "core_num"}, dict)) {
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "GetSysConfigParams: Py_BuildValue returns nullptr!");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "GetSysConfigParams: Py_BuildValue returns nullptr!");
         return OVRA_KB_VALUE_CONVERSION_FAILED;
     }
     return OVRA_KB_SUCCESS;
@@ -221,7 +216,7 @@ std::uint32_t GetParamsFromSysConfig(const StrMap &sysConfigMap, PyObject *dict)
 std::uint32_t GetParamsFromLoadConfig(const StrMap &loadConfigMap, PyObject *dict)
 {
     if (!BuildDictEntries(loadConfigMap, {"op_bank_path"}, dict)) {
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "GetLoadConfigParams: Py_BuildValue returns nullptr!");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "GetLoadConfigParams: Py_BuildValue returns nullptr!");
         return OVRA_KB_VALUE_CONVERSION_FAILED;
     }
     return OVRA_KB_SUCCESS;
@@ -230,7 +225,7 @@ std::uint32_t GetParamsFromLoadConfig(const StrMap &loadConfigMap, PyObject *dic
 std::uint32_t GetParamsFromWriteConfig(const StrMap &writeConfigMap, PyObject *dict)
 {
     if (!BuildDictEntries(writeConfigMap, {"op_type"}, dict)) {
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "GetParamsFromWriteConfig: Py_BuildValue returns nullptr!");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "GetParamsFromWriteConfig: Py_BuildValue returns nullptr!");
         return OVRA_KB_VALUE_CONVERSION_FAILED;
     }
     return OVRA_KB_SUCCESS;
@@ -252,7 +247,7 @@ std::uint32_t GetParamsFromSearchConfig(const StrMap &searchConfigMap, PyObject 
         RefCount(searchType) += 1;
     }
     if (opType == nullptr || returnType == nullptr || searchType == nullptr) {
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "GetParamsFromSearchConfig: Py_BuildValue returns nullptr!");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "GetParamsFromSearchConfig: Py_BuildValue returns nullptr!");
         PyWrapper::PyObjectDecRefAll(std::move(values));
         return OVRA_KB_VALUE_CONVERSION_FAILED;
     }
@@ -274,7 +269,7 @@ std::uint32_t OvraKbSearchReq(const std::string &keyword, const StrMap &searchCo
     // Declared after the guard: the dictionary is dropped while the lock is still held.
     PyObjectPtr dict(api.PyDict_New());
     if (dict.get() == nullptr) {
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "OvraKbSearch: create new pydict failed.");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "OvraKbSearch: create new pydict failed.");
         return OVRA_KB_DICT_CREATION_FAILED;
     }
     if (GetParamsFromSearchConfig(searchConfigMap, dict.get()) != OVRA_KB_SUCCESS) {
@@ -287,11 +282,11 @@ std::uint32_t OvraKbSearchReq(const std::string &keyword, const StrMap &searchCo
         taskHandle = HoldReply(api.PyObject_CallMethod(module, "ovra_kb_search_async", "sO", keyword.c_str(), dict.get()));
     }
     if (taskHandle.get() == nullptr) {
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "Failed to call ovra_kb_search_async, pyRes is nullptr.");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Failed to call ovra_kb_search_async, pyRes is nullptr.");
         return OVRA_KB_PYTHON_CALL_FAILED;
     }
     if (!IsNonEmptyStr(taskHandle)) {
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "Failed to call ovra_kb_search_async, pyRes.get() is invalid.");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Failed to call ovra_kb_search_async, pyRes.get() is invalid.");
         return OVRA_KB_PYTHON_CALL_FAILED;
     }
     return OVRA_KB_SUCCESS;
@@ -304,7 +299,7 @@ std::uint32_t PyInterfaceInit()
     if (Singleton<OvraKbPyfuncMgr>::Instance().PyObjectInit()) {
         return OVRA_KB_SUCCESS;
     }
-    OVRA_KB_LOG(OVRA_LOG_ERROR, "PyObjectInit of OvraKbPyfuncMgr Error!");
+    OVRA_KB_LOG(OVRA_LEVEL_ERROR, "PyObjectInit of OvraKbPyfuncMgr Error!");
     return OVRA_KB_PYTHON_UNAVAILABLE;
 }
 
@@ -328,7 +323,7 @@ std::uint32_t OvraKbInit(const StrMap &sysConfigMap, const StrMap &loadConfigMap
     GilGuard gil;
     PyObject *sysDict = api.PyDict_New();
     if (sysDict == nullptr) {
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "OvraKbInit: create new pydict failed.");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "OvraKbInit: create new pydict failed.");
         return OVRA_KB_DICT_CREATION_FAILED;
     }
     if (GetParamsFromSysConfig(sysConfigMap, sysDict) != OVRA_KB_SUCCESS) {
@@ -337,7 +332,7 @@ std::uint32_t OvraKbInit(const StrMap &sysConfigMap, const StrMap &loadConfigMap
     }
     PyObject *loadDict = api.PyDict_New();
     if (loadDict == nullptr) {
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "OvraKbInit: create new pydict failed.");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "OvraKbInit: create new pydict failed.");
         return OVRA_KB_DICT_CREATION_FAILED;
     }
     if (GetParamsFromLoadConfig(loadConfigMap, loadDict) != OVRA_KB_SUCCESS) {
@@ -347,12 +342,12 @@ std::uint32_t OvraKbInit(const StrMap &sysConfigMap, const StrMap &loadConfigMap
     // From here on both dictionaries are kept for the life of the process, on purpose.
     PyObject *module = KbModule();
     if (module == nullptr) {
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "Failed to call ovra_kb_init.");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Failed to call ovra_kb_init.");
         return OVRA_KB_PYTHON_CALL_FAILED;
     }
     PyObjectPtr reply = HoldReply(api.PyObject_CallMethod(module, "ovra_kb_init", "OO", sysDict, loadDict));
     if (reply.get() == nullptr || !ParsesAsZero(reply)) {
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "Failed to call ovra_kb_init.");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Failed to call ovra_kb_init.");
         return OVRA_KB_PYTHON_CALL_FAILED;
     }
     return OVRA_KB_SUCCESS;
@@ -364,12 +359,12 @@ std::uint32_t OvraKbFinalize()
     GilGuard gil;
     PyObject *module = KbModule();
     if (module == nullptr) {
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "Failed to call ovra_kb_finalize.");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Failed to call ovra_kb_finalize.");
         return OVRA_KB_PYTHON_CALL_FAILED;
     }
     PyObjectPtr reply = HoldReply(api.PyObject_CallMethod(module, "ovra_kb_finalize", ""));
     if (reply.get() == nullptr) {
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "Failed to call ovra_kb_finalize.");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Failed to call ovra_kb_finalize.");
         return OVRA_KB_PYTHON_CALL_FAILED;
     }
     return OVRA_KB_SUCCESS;
@@ -398,7 +393,7 @@ std::uint32_t OvraKbSearch(const std::string &keyword, const StrMap &searchConfi
     PyObjectPtr taskHandle;
     std::uint32_t status = OvraKbSearchReq(keyword, searchConfigMap, taskHandle);
     if (status != OVRA_KB_SUCCESS) {
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "Failed to call OvraKbSearchReq.");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Failed to call OvraKbSearchReq.");
         return status;
     }
     for (;;) {

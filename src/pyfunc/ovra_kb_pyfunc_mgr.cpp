@@ -49,22 +49,22 @@ void OvraKbPyfuncMgr::PyEnvInit()
 {
     HandleManager &api = PyApi();
     if (api.Py_IsInitialized() != 0) {
-        OVRA_KB_LOG(OVRA_LOG_EVENT, "OVRA_KB_Py has already been initialized.");
+        OVRA_KB_LOG(OVRA_LEVEL_EVENT, "OVRA_KB_Py has already been initialized.");
         pyAlreadyInited_ = true;
     } else {
-        OVRA_KB_LOG(OVRA_LOG_EVENT, "Start to run Py_IsInitialized now.");
+        OVRA_KB_LOG(OVRA_LEVEL_EVENT, "Start to run Py_IsInitialized now.");
         pyAlreadyInited_ = false;
         api.Py_Initialize();
     }
     if (api.PyEval_ThreadsInitialized() == 0) {
-        OVRA_KB_LOG(OVRA_LOG_EVENT, "Start to run PyEval_ThreadsInitialized now.");
+        OVRA_KB_LOG(OVRA_LEVEL_EVENT, "Start to run PyEval_ThreadsInitialized now.");
         api.PyEval_InitThreads();
     }
     if (api.PyGILState_Check() != 1) {
         return;
     }
     // Park this thread's state so that the global lock is free for every caller thread.
-    OVRA_KB_LOG(OVRA_LOG_EVENT, "Start to run PyEval_SaveThread now.");
+    OVRA_KB_LOG(OVRA_LEVEL_EVENT, "Start to run PyEval_SaveThread now.");
     savedThreadState_ = api.PyEval_SaveThread();
 }
 
@@ -86,7 +86,7 @@ bool OvraKbPyfuncMgr::Init()
 {
     ovraKbInterface_ = PyWrapper::ImportModule(KB_INTERFACE_MODULE);
     if (ovraKbInterface_.get() == nullptr) {
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "OVRA_KB import ovraKbInterface_ error");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "OVRA_KB import ovraKbInterface_ error");
         return false;
     }
     return true;
@@ -94,22 +94,22 @@ bool OvraKbPyfuncMgr::Init()
 
 bool OvraKbPyfuncMgr::PyObjectInit()
 {
-    OVRA_KB_LOG(OVRA_LOG_EVENT, "OvraKbPyfuncMgr: Enter PyObjectInit, reference_ is %lu!",
+    OVRA_KB_LOG(OVRA_LEVEL_EVENT, "OvraKbPyfuncMgr: Enter PyObjectInit, reference_ is %lu!",
                 static_cast<unsigned long>(reference_.load()));
     std::lock_guard<std::mutex> lock(gInitPyFuncMtx_);
     if (reference_ != 0) {
-        OVRA_KB_LOG(OVRA_LOG_INFO, "PyObjectInit: PyObject has been initialized, no need to re-initialize!");
+        OVRA_KB_LOG(OVRA_LEVEL_INFO, "PyObjectInit: PyObject has been initialized, no need to re-initialize!");
         ++reference_;
         return true;
     }
     HandleManager &api = PyApi();
     // A runtime already in the global scope (the host's, or one loaded earlier) is used as it is.
     if (dlsym(RTLD_DEFAULT, "Py_Initialize") == nullptr && !api.LaunchDynamicLib()) {
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "PyObjectInit: Load python error");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "PyObjectInit: Load python error");
         return false;
     }
     if (!api.InitOvraKbFuncs()) {
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "PyObjectInit: Init python funcs error");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "PyObjectInit: Init python funcs error");
         return false;
     }
     PyEnvInit();
@@ -120,19 +120,19 @@ bool OvraKbPyfuncMgr::PyObjectInit()
     {
         PyObjectPtr logModule = PyWrapper::ImportModule(KB_LOG_MODULE);
         if (logModule.get() == nullptr) {
-            OVRA_KB_LOG(OVRA_LOG_ERROR, "PyObjectInit: Import repository_manager_log error");
+            OVRA_KB_LOG(OVRA_LEVEL_ERROR, "PyObjectInit: Import repository_manager_log error");
         } else {
             PyObject *printFunc = api.PyObject_GetAttrString(logModule.get(), "get_py_exception_str");
             PyObject *uploadFunc = api.PyObject_GetAttrString(logModule.get(), "get_py_exception_dict");
             if (printFunc == nullptr || uploadFunc == nullptr) {
-                OVRA_KB_LOG(OVRA_LOG_ERROR, "PyObjectInit: pyPrintFunc or pyUploadFunc is nullptr.");
+                OVRA_KB_LOG(OVRA_LEVEL_ERROR, "PyObjectInit: pyPrintFunc or pyUploadFunc is nullptr.");
             } else {
                 PyWrapper::g_pyPrintExceptionFunc = printFunc;
                 PyWrapper::g_pyUploadExceptionFunc = uploadFunc;
                 if (!Init()) {
-                    OVRA_KB_LOG(OVRA_LOG_ERROR, "PyObjectInit: Run Init error.");
+                    OVRA_KB_LOG(OVRA_LEVEL_ERROR, "PyObjectInit: Run Init error.");
                 } else {
-                    OVRA_KB_LOG(OVRA_LOG_EVENT, "OvraKbPyfuncMgr: Run PyObjectInit successfully!");
+                    OVRA_KB_LOG(OVRA_LEVEL_EVENT, "OvraKbPyfuncMgr: Run PyObjectInit successfully!");
                     ++reference_;
                     result = true;
                 }
@@ -146,12 +146,12 @@ bool OvraKbPyfuncMgr::PyObjectInit()
 
 void OvraKbPyfuncMgr::PyObjectDeinit()
 {
-    OVRA_KB_LOG(OVRA_LOG_EVENT, "OvraKbPyfuncMgr: enter PyObjectDeinit function, reference_[%lu]",
+    OVRA_KB_LOG(OVRA_LEVEL_EVENT, "OvraKbPyfuncMgr: enter PyObjectDeinit function, reference_[%lu]",
                 static_cast<unsigned long>(reference_.load()));
     std::lock_guard<std::mutex> lock(gInitPyFuncMtx_);
     --reference_;
     if (reference_ != 0) {
-        OVRA_KB_LOG(OVRA_LOG_INFO, "PyObject does not need to deinit");
+        OVRA_KB_LOG(OVRA_LEVEL_INFO, "PyObject does not need to deinit");
         return;
     }
     HandleManager &api = PyApi();
@@ -159,7 +159,7 @@ void OvraKbPyfuncMgr::PyObjectDeinit()
     ovraKbInterface_.ResetObject();
     api.PyGILState_Release(state);
     PyEnvDeinit();
-    OVRA_KB_LOG(OVRA_LOG_EVENT, "OvraKbPyfuncMgr: PyObjectDeinit function end successfully!");
+    OVRA_KB_LOG(OVRA_LEVEL_EVENT, "OvraKbPyfuncMgr: PyObjectDeinit function end successfully!");
 }
 
 }  // namespace OvraKb

@@ -50,12 +50,12 @@ void PyErrMessageReport(const PyObjectPtr &exc)
     PyWrapper::UploadPyException(exc, details);
     auto found = details.find("errCode");
     if (found == details.end()) {
-        OVRA_KB_LOG(OVRA_LOG_WARNING, "Failed to upload errcode message.");
+        OVRA_KB_LOG(OVRA_LEVEL_WARNING, "Failed to upload errcode message.");
         return;
     }
     code = found->second;
     if (ErrorManager::GetInstance().ReportErrMessage(code, details) == -1) {
-        OVRA_KB_LOG(OVRA_LOG_WARNING, "Report error message failed.");
+        OVRA_KB_LOG(OVRA_LEVEL_WARNING, "Report error message failed.");
     }
 }
 
@@ -75,12 +75,12 @@ void PyObjectDecRefAll(std::vector<PyObject *> &&objs)
 std::uint32_t PyParseStrList(PyObject *pyStrList, std::vector<std::string> &vstr)
 {
     if (pyStrList == nullptr || !vstr.empty()) {
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "PyParseStrList: pyStrList is nullptr or vstr is empty.");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "PyParseStrList: pyStrList is nullptr or vstr is empty.");
         return 0xFFFFFFFFU;
     }
     HandleManager &api = PyApi();
     Py_ssize_t size = api.PyList_Size(pyStrList);
-    OVRA_KB_LOG(OVRA_LOG_DEBUG, "PyParseStrList: Length of pyStrList is [%zu].", static_cast<size_t>(size));
+    OVRA_KB_LOG(OVRA_LEVEL_DEBUG, "PyParseStrList: Length of pyStrList is [%zu].", static_cast<size_t>(size));
     if (size < 1) {
         return 0;
     }
@@ -105,13 +105,13 @@ std::uint32_t PyParseStrList(const PyObjectPtr &pyStrList, std::vector<std::stri
 void PydictToMap(PyObject *pyObj, StrMap &out)
 {
     if (pyObj == nullptr) {
-        OVRA_KB_LOG(OVRA_LOG_WARNING, "PydictToMap: pyObj is nullptr.");
+        OVRA_KB_LOG(OVRA_LEVEL_WARNING, "PydictToMap: pyObj is nullptr.");
         return;
     }
     HandleManager &api = PyApi();
     std::shared_ptr<PyObject> keys(api.PyDict_Keys(pyObj), PyObjectDecRef);
     if (keys == nullptr) {
-        OVRA_KB_LOG(OVRA_LOG_WARNING, "pyUniques is nullptr or is not List.");
+        OVRA_KB_LOG(OVRA_LEVEL_WARNING, "pyUniques is nullptr or is not List.");
         return;
     }
     Py_ssize_t size = api.PyList_Size(keys.get());
@@ -120,17 +120,17 @@ void PydictToMap(PyObject *pyObj, StrMap &out)
         PyObject *key = api.PyList_GetItem(keys.get(), i);
         PyObject *val = api.PyDict_GetItem(pyObj, key);
         if (key == nullptr) {
-            OVRA_KB_LOG(OVRA_LOG_WARNING, "pyUnique is nullptr or is not string!");
+            OVRA_KB_LOG(OVRA_LEVEL_WARNING, "pyUnique is nullptr or is not string!");
             continue;
         }
         if (val == nullptr) {
-            OVRA_KB_LOG(OVRA_LOG_WARNING, "pyVal is nullptr or is not string!");
+            OVRA_KB_LOG(OVRA_LEVEL_WARNING, "pyVal is nullptr or is not string!");
             continue;
         }
         const char *keyText = api.PyUnicode_AsUTF8(key);
         const char *valText = api.PyUnicode_AsUTF8(val);
         if (keyText == nullptr || valText == nullptr) {
-            OVRA_KB_LOG(OVRA_LOG_WARNING, "pUnique or pVal is nullptr!.");
+            OVRA_KB_LOG(OVRA_LEVEL_WARNING, "pUnique or pVal is nullptr!.");
             continue;
         }
         out[keyText] = valText;
@@ -140,7 +140,7 @@ void PydictToMap(PyObject *pyObj, StrMap &out)
 void PylistToVec(PyObject *pyObj, std::vector<StrMap> &out)
 {
     if (pyObj == nullptr) {
-        OVRA_KB_LOG(OVRA_LOG_WARNING, "PylistToVec: pyObj is nullptr.");
+        OVRA_KB_LOG(OVRA_LEVEL_WARNING, "PylistToVec: pyObj is nullptr.");
         return;
     }
     HandleManager &api = PyApi();
@@ -148,13 +148,13 @@ void PylistToVec(PyObject *pyObj, std::vector<StrMap> &out)
     for (Py_ssize_t i = 0; i < size; ++i) {
         PyObject *row = api.PyList_GetItem(pyObj, i);
         if (row == nullptr) {
-            OVRA_KB_LOG(OVRA_LOG_WARNING, "PylistToVec: pyKbMap is nullptr.");
+            OVRA_KB_LOG(OVRA_LEVEL_WARNING, "PylistToVec: pyKbMap is nullptr.");
             return;
         }
         StrMap mapTmp;
         PydictToMap(row, mapTmp);
         if (mapTmp.empty()) {
-            OVRA_KB_LOG(OVRA_LOG_WARNING, "PylistToVec: mapTmp is empty.");
+            OVRA_KB_LOG(OVRA_LEVEL_WARNING, "PylistToVec: mapTmp is empty.");
             return;
         }
         out.push_back(mapTmp);
@@ -257,12 +257,12 @@ void UploadPyException(const PyObjectPtr &exc, StrMap &details)
 void UploadPyException(PyObject *pyErrMsgTuple, StrMap &details)
 {
     if (pyErrMsgTuple == nullptr) {
-        OVRA_KB_LOG(OVRA_LOG_WARNING, "PyErrMsgTuple is nullptr.");
+        OVRA_KB_LOG(OVRA_LEVEL_WARNING, "PyErrMsgTuple is nullptr.");
         return;
     }
     HandleManager &api = PyApi();
     if (api.PyTuple_Size(pyErrMsgTuple) != 2) {
-        OVRA_KB_LOG(OVRA_LOG_WARNING, "Failed to parse pyErrMsgTuple.");
+        OVRA_KB_LOG(OVRA_LEVEL_WARNING, "Failed to parse pyErrMsgTuple.");
         return;
     }
     PyObject *errDict = api.PyTuple_GetItem(pyErrMsgTuple, 0);
@@ -270,13 +270,13 @@ void UploadPyException(PyObject *pyErrMsgTuple, StrMap &details)
     // Dropping the two borrowed items on these failure paths is deliberate.
     if (errDict == nullptr || opName == nullptr) {
         PyObjectDecRefAll({errDict, opName});
-        OVRA_KB_LOG(OVRA_LOG_WARNING, "PyErrDict or pyOpName is nullptr.");
+        OVRA_KB_LOG(OVRA_LEVEL_WARNING, "PyErrDict or pyOpName is nullptr.");
         return;
     }
     const char *name = api.PyUnicode_AsUTF8(opName);
     if (name == nullptr) {
         PyObjectDecRefAll({errDict, opName});
-        OVRA_KB_LOG(OVRA_LOG_WARNING, "PyUnicode_AsUTF8 return nullptr.");
+        OVRA_KB_LOG(OVRA_LEVEL_WARNING, "PyUnicode_AsUTF8 return nullptr.");
         return;
     }
     details["op_name"] = name;
@@ -292,7 +292,7 @@ PyObject *GetFormatExcetpionFunc()
         return api.PyObject_GetAttrString(module, "format_exception");
     }
     api.PyErr_Print();
-    OVRA_KB_LOG(OVRA_LOG_ERROR, "Import module traceback failed.");
+    OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Import module traceback failed.");
     return nullptr;
 }
 
@@ -317,7 +317,7 @@ std::string GetPyException(const PyObject *type, const PyObject *value, const Py
         return result;
     }
     for (const std::string &text : texts) {
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "%s", text.c_str());
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "%s", text.c_str());
     }
     result = texts.back();
     if (!result.empty()) {
@@ -326,15 +326,19 @@ std::string GetPyException(const PyObject *type, const PyObject *value, const Py
     return result;
 }
 
+PyExceptionTriple FetchNormalizedException()
+{
+    PyExceptionTriple exc;
+    HandleManager &api = PyApi();
+    api.PyErr_Fetch(&exc.type, &exc.value, &exc.traceback);
+    api.PyErr_NormalizeException(&exc.type, &exc.value, &exc.traceback);
+    return exc;
+}
+
 std::string GetPyException()
 {
-    PyObject *type = nullptr;
-    PyObject *value = nullptr;
-    PyObject *traceback = nullptr;
-    HandleManager &api = PyApi();
-    api.PyErr_Fetch(&type, &value, &traceback);
-    api.PyErr_NormalizeException(&type, &value, &traceback);
-    return GetPyException(type, value, traceback);
+    PyExceptionTriple exc = FetchNormalizedException();
+    return GetPyException(exc.type, exc.value, exc.traceback);
 }
 
 PyObjectPtr ImportModule(const char *name)

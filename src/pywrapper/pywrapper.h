@@ -69,6 +69,13 @@ void UploadPyException(const PyObjectPtr &exc, StrMap &details);
 void UploadPyException(PyObject *pyErrMsgTuple, StrMap &details);
 
 // Exception capture and guarded import; the caller holds the interpreter lock.
+struct PyExceptionTriple {
+    PyObject *type = nullptr;
+    PyObject *value = nullptr;
+    PyObject *traceback = nullptr;
+};
+// Takes the pending exception out of the interpreter, normalised; the caller owns the references.
+PyExceptionTriple FetchNormalizedException();
 PyObject *GetFormatExcetpionFunc();
 std::string GetPyException(const PyObject *type, const PyObject *value, const PyObject *traceback);
 std::string GetPyException();

@@ -29,17 +29,17 @@ std::string GetPythonConfigByCmd(std::string cmd)
     char buffer[CONFIG_LINE_BUFFER_SIZE] = {0};
     FILE *pipe = popen(cmd.c_str(), "r");
     if (pipe == nullptr) {
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "Failed to run python cmd[%s].", cmd.c_str());
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Failed to run python cmd[%s].", cmd.c_str());
         return "";
     }
     // One line only; the command's exit status and any further output do not matter.
     char *line = fgets(buffer, static_cast<int>(sizeof(buffer)), pipe);
     (void)pclose(pipe);
     if (line == nullptr) {
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "Cannot fetch the version information of the current python.");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Cannot fetch the version information of the current python.");
         return "";
     }
-    OVRA_KB_LOG(OVRA_LOG_DEBUG, "line:[%s]", buffer);
+    OVRA_KB_LOG(OVRA_LEVEL_DEBUG, "line:[%s]", buffer);
     std::string result(buffer);
     size_t lineFeed = result.find('\n');
     if (lineFeed != std::string::npos) {
@@ -54,40 +54,40 @@ std::string GetPythonLibName()
     if (!name.empty() && name.find(".so") != std::string::npos) {
         return name;
     }
-    OVRA_KB_LOG(OVRA_LOG_ERROR, "Failed to get python3 [LDLIBRARY].");
+    OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Failed to get python3 [LDLIBRARY].");
     return "";
 }
 
 HandleManager::~HandleManager()
 {
     if (!HandleClose()) {
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "Release dynamic python lib failed!");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Release dynamic python lib failed!");
     }
 }
 
 bool HandleManager::LaunchDynamicLib()
 {
-    OVRA_KB_LOG(OVRA_LOG_EVENT, "Start to load dynamic python lib!");
+    OVRA_KB_LOG(OVRA_LEVEL_EVENT, "Start to load dynamic python lib!");
     if (isLoaded_) {
-        OVRA_KB_LOG(OVRA_LOG_INFO, "Dynamic python lib has already heen loaded!");
+        OVRA_KB_LOG(OVRA_LEVEL_INFO, "Dynamic python lib has already heen loaded!");
         return true;
     }
     std::lock_guard<std::mutex> lock(handleMtx_);
     std::string name = GetPythonLibName();
     if (name.empty()) {
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "Failed to get python3 lib name when trying to load library.");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Failed to get python3 lib name when trying to load library.");
         return false;
     }
     std::string dir = GetPythonConfigByCmd(PYTHON_LIB_DIR_CMD);
     if (dir.empty()) {
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "Failed to get python3 lib dir when trying to load library.");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Failed to get python3 lib dir when trying to load library.");
         return false;
     }
     std::string path = dir + "/" + name;
     // RTLD_GLOBAL puts the runtime into the global scope, where a later start-up finds Py_Initialize.
     dlHandle_ = dlopen(path.c_str(), RTLD_NOW | RTLD_GLOBAL);
     if (dlHandle_ == nullptr) {
-        OVRA_KB_LOG(OVRA_LOG_ERROR,
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR,
                     "Python install path[%s] is invalid, please confirm that the environment"
                     "variable [ld_library_path] or [ldconfig] has configured the path of the python"
                     "library.",
@@ -95,7 +95,7 @@ bool HandleManager::LaunchDynamicLib()
         return false;
     }
     isLoaded_ = true;
-    OVRA_KB_LOG(OVRA_LOG_EVENT, "Load dynamic Python library[%s] successfully!", path.c_str());
+    OVRA_KB_LOG(OVRA_LEVEL_EVENT, "Load dynamic Python library[%s] successfully!", path.c_str());
     return true;
 }
 
@@ -105,11 +105,11 @@ bool HandleManager::HandleClose()
         return true;
     }
     if (dlHandle_ == nullptr) {
-        OVRA_KB_LOG(OVRA_LOG_WARNING, "Failed to close the handle because it is already a nullptr.");
+        OVRA_KB_LOG(OVRA_LEVEL_WARNING, "Failed to close the handle because it is already a nullptr.");
         return false;
     }
     if (dlclose(dlHandle_) != 0) {
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "Failed to close current handle.");
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Failed to close current handle.");
         return false;
     }
     isLoaded_ = false;
@@ -120,9 +120,9 @@ bool HandleManager::HandleClose()
 
 bool HandleManager::InitOvraKbFuncs()
 {
-    OVRA_KB_LOG(OVRA_LOG_EVENT, "Start to run init functions to load dynamic python lib!");
+    OVRA_KB_LOG(OVRA_LEVEL_EVENT, "Start to run init functions to load dynamic python lib!");
     if (isInited_) {
-        OVRA_KB_LOG(OVRA_LOG_INFO, "Dynamic python lib has been inited!");
+        OVRA_KB_LOG(OVRA_LEVEL_INFO, "Dynamic python lib has been inited!");
         return true;
     }
     std::lock_guard<std::mutex> lock(handleMtx_);
@@ -131,14 +131,14 @@ bool HandleManager::InitOvraKbFuncs()
 #define OVRA_KB_BIND_API_ENTRY(symbol, failureName, Type)                                                 \
     symbol = reinterpret_cast<std::add_pointer_t<Type>>(dlsym(handle, #symbol));                                           \
     if (symbol == nullptr) {                                                                              \
-        OVRA_KB_LOG(OVRA_LOG_ERROR, "Failed to run dlsym function for " failureName ", error message: [%s].", \
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Failed to run dlsym function for " failureName ", error message: [%s].", \
                     DlErrorText());                                                                       \
         return false;                                                                                     \
     }
     OVRA_KB_PYTHON_API(OVRA_KB_BIND_API_ENTRY)
 #undef OVRA_KB_BIND_API_ENTRY
     isInited_ = true;
-    OVRA_KB_LOG(OVRA_LOG_EVENT, "Init functions of loading dynamic python lib end!");
+    OVRA_KB_LOG(OVRA_LEVEL_EVENT, "Init functions of loading dynamic python lib end!");
     return true;
 }
 

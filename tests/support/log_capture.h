@@ -4,15 +4,11 @@
 #include <string>
 #include <vector>
 
+#include "ovra_platform/platform.h"
+
 // Test programs linked with this code define the platform's log functions themselves, so
 // the library's lines land here instead of on standard error.
 namespace OvraTest {
-
-constexpr int LEVEL_DEBUG = 0;
-constexpr int LEVEL_INFO = 1;
-constexpr int LEVEL_WARNING = 2;
-constexpr int LEVEL_ERROR = 3;
-constexpr int LEVEL_EVENT = 16;
 
 struct LogLine {
     int module = -1;

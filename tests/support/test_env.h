@@ -11,6 +11,14 @@
 
 namespace OvraTest {
 
+using OvraKb::StrMap;
+using Rows = std::vector<StrMap>;
+using Strings = std::vector<std::string>;
+// A configuration every test knowledge base accepts: a chip, a bank, an operator type.
+inline const StrMap SYS = {{"soc_version", "Ascend910B"}, {"core_num", "8"}};
+inline const StrMap LOAD = {{"op_bank_path", "/tmp/ovra-bank"}};
+inline const StrMap OP = {{"op_type", "Add"}};
+
 // The Python interpreter the tests run against: $OVRA_TEST_PYTHON, else the build's default.
 std::string TestPython();
 // Directory of the Python test packages (tests/pypkgs).

@@ -21,10 +21,18 @@
 #include <string>
 #include <vector>
 
+/* The levels of the log interface. */
+enum OvraLogLevel {
+    OVRA_LEVEL_DEBUG = 0,
+    OVRA_LEVEL_INFO = 1,
+    OVRA_LEVEL_WARNING = 2,
+    OVRA_LEVEL_ERROR = 3,
+    OVRA_LEVEL_EVENT = 16,
+};
+
 extern "C" {
 
-/* 1 when a line of `level` for module `moduleId` is to be written, 0 otherwise.
- * Levels: 0 debug, 1 info, 2 warning, 3 error, 16 event. */
+/* 1 when a line of `level` (an OvraLogLevel) for module `moduleId` is to be written, 0 otherwise. */
 int CheckLogLevel(int moduleId, int level);
 
 /* Writes one formatted line. */
