@@ -6,6 +6,7 @@ packages=(
   cmake ninja-build g++ clang make pkg-config file
   libgtest-dev libgmock-dev libbenchmark-dev
   python3 libpython3-dev
+  postgresql python3-psycopg
   binutils valgrind dpkg-dev
 )
 

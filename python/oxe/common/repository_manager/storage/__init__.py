@@ -2,11 +2,15 @@
 
 :func:`open_backend` picks the backend from the form of "op_bank_path":
 
-* ``postgresql://...`` (or ``postgres://...``): a PostgreSQL server.  Not
-  available yet: such a path raises the backend-not-supported error.  A
-  PostgreSQL backend implements :class:`.base.KnowledgeBackend` in its own
-  module and is registered in :data:`_URL_BACKENDS`.
+* ``postgresql://...`` (or ``postgres://...``): a database on a PostgreSQL
+  server (:mod:`.postgres_backend`).  Its module, and the driver it needs, are
+  imported only when such a location is opened.
+* any other ``scheme://...``: a storage kind this release lacks; refused with
+  the backend-not-supported error.
 * anything else: a directory holding an SQLite bank (:mod:`.sqlite_backend`).
+
+Each backend implements :class:`.base.KnowledgeBackend`; URL schemes are
+registered in :data:`_URL_BACKENDS`.
 """
 
 import os
@@ -15,11 +19,17 @@ from .. import errors
 from .base import KnowledgeBackend  # noqa: F401  (re-exported)
 from .sqlite_backend import SqliteBackend
 
-# URL scheme -> factory taking the whole location; None means "known but not
-# available in this release".
+
+def _postgres(location):
+    from .postgres_backend import PostgresBackend
+
+    return PostgresBackend(location)
+
+
+# URL scheme -> factory taking the whole location.
 _URL_BACKENDS = {
-    "postgresql": None,
-    "postgres": None,
+    "postgresql": _postgres,
+    "postgres": _postgres,
 }
 
 
@@ -32,10 +42,11 @@ def _url_scheme(location):
 
 def _redacted(location):
     head, sep, rest = location.partition("://")
-    netloc, slash, path = rest.partition("/")
+    cut = min([len(rest)] + [rest.find(mark) for mark in "/?#" if mark in rest])
+    netloc = rest[:cut]
     if "@" in netloc:
         netloc = "***@" + netloc.rpartition("@")[2]
-    return head + sep + netloc + slash + path
+    return head + sep + netloc
 
 
 def bank_identity(location):
@@ -54,7 +65,8 @@ def open_backend(location):
             raise errors.kb_error(
                 errors.BACKEND_NOT_SUPPORTED,
                 "The knowledge bank location %s uses the %s storage, which this release does not "
-                "support; set op_bank_path to a local directory." % (_redacted(location), scheme),
+                "support; set op_bank_path to a local directory or a postgresql:// URL."
+                % (_redacted(location), scheme),
                 op_bank_path=_redacted(location),
             )
         backend = factory(location)
