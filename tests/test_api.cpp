@@ -41,7 +41,7 @@ Strings TracebackLines()
 }
 
 class Api : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override
     {
         OvraTest::PutPythonFirstOnPath(dir_, OvraTest::TestPython());
@@ -88,7 +88,8 @@ TEST_F(Api, ArgumentsReachTheModuleExactly)
               (Strings{"ovra_kb_search_async('kw', {'op_type': 'Add', 'return_type': 'str', 'search_type': None})",
                        "ovra_kb_search_async('kw', {'op_type': 'Mul', 'return_type': 'str', 'search_type': "
                        "'prefix'})"}));
-    EXPECT_EQ(scripted_.CallsOf("ovra_kb_search_get"), (Strings{"ovra_kb_search_get('task-1')", "ovra_kb_search_get('task-2')"}));
+    EXPECT_EQ(scripted_.CallsOf("ovra_kb_search_get"),
+              (Strings{"ovra_kb_search_get('task-1')", "ovra_kb_search_get('task-2')"}));
     EXPECT_EQ(OvraKbFinalize(), 0U);
     EXPECT_EQ(scripted_.CallsOf("ovra_kb_finalize"), Strings{"ovra_kb_finalize()"});
 }
@@ -99,7 +100,8 @@ TEST_F(Api, WrittenRecordsComeBackFromSearchAfterRowsAlreadyThere)
     ASSERT_EQ(OvraKbWrite("relu", "use vector unit", OP, true), 0U);
     Rows rows = {{{"earlier", "row"}}};
     ASSERT_EQ(OvraKbSearch("relu", OP, rows), 0U);
-    EXPECT_EQ(rows, (Rows{{{"earlier", "row"}}, {{"keyword", "relu"}, {"knowledge", "use vector unit"}, {"op_type", "Add"}}}));
+    EXPECT_EQ(rows, (Rows{{{"earlier", "row"}},
+                          {{"keyword", "relu"}, {"knowledge", "use vector unit"}, {"op_type", "Add"}}}));
     ASSERT_EQ(OvraKbDelete("relu", OP, true), 0U);
     Rows none;
     ASSERT_EQ(OvraKbSearch("relu", OP, none), 0U);
@@ -115,9 +117,9 @@ struct StatusCase {
     std::string script;  // JSON script of the module
     Op op;
     std::uint32_t status;
-    Strings lines;        // failure lines of the operation and the exported layer, in order
-    Strings codes;        // error reports, by code
-    bool reachesModule;   // whether the operation's module function is called at all
+    Strings lines;       // failure lines of the operation and the exported layer, in order
+    Strings codes;       // error reports, by code
+    bool reachesModule;  // whether the operation's module function is called at all
     StrMap sys = SYS;
     StrMap load = LOAD;
     StrMap config = OP;
@@ -179,53 +181,97 @@ std::vector<StatusCase> StatusCases()
     std::vector<StatusCase> cases;
     auto add = [&cases](StatusCase c) { cases.push_back(std::move(c)); };
 
-    StatusCase missingCore{"init_missing_core_num", "{}", Op::INIT, 2,
-                           {"CheckSysConfigMap: Check sysConfigMap Failed!", "Run OvraKbInit Error!"}, {}, false};
+    StatusCase missingCore{"init_missing_core_num",
+                           "{}",
+                           Op::INIT,
+                           2,
+                           {"CheckSysConfigMap: Check sysConfigMap Failed!", "Run OvraKbInit Error!"},
+                           {},
+                           false};
     missingCore.sys = {{"soc_version", "x"}};
     add(missingCore);
     StatusCase missingSoc = missingCore;
     missingSoc.label = "init_missing_soc_version";
     missingSoc.sys = {{"core_num", "8"}};
     add(missingSoc);
-    StatusCase missingBank{"init_missing_bank", "{}", Op::INIT, 2,
-                           {"CheckLoadConfigMap: Check loadConfigMap Failed!", "Run OvraKbInit Error!"}, {}, false};
+    StatusCase missingBank{"init_missing_bank",
+                           "{}",
+                           Op::INIT,
+                           2,
+                           {"CheckLoadConfigMap: Check loadConfigMap Failed!", "Run OvraKbInit Error!"},
+                           {},
+                           false};
     missingBank.load = {{"bank", "/x"}};
     add(missingBank);
-    StatusCase badSoc{"init_invalid_utf8_soc", "{}", Op::INIT, 4,
-                      {"GetSysConfigParams: Py_BuildValue returns nullptr!", "Run OvraKbInit Error!"}, {}, false};
+    StatusCase badSoc{"init_invalid_utf8_soc",
+                      "{}",
+                      Op::INIT,
+                      4,
+                      {"GetSysConfigParams: Py_BuildValue returns nullptr!", "Run OvraKbInit Error!"},
+                      {},
+                      false};
     badSoc.sys = {{"soc_version", "\xff"}, {"core_num", "8"}};
     add(badSoc);
-    StatusCase badBank{"init_invalid_utf8_bank", "{}", Op::INIT, 4,
-                       {"GetLoadConfigParams: Py_BuildValue returns nullptr!", "Run OvraKbInit Error!"}, {}, false};
+    StatusCase badBank{"init_invalid_utf8_bank",
+                       "{}",
+                       Op::INIT,
+                       4,
+                       {"GetLoadConfigParams: Py_BuildValue returns nullptr!", "Run OvraKbInit Error!"},
+                       {},
+                       false};
     badBank.load = {{"op_bank_path", "/tmp/\xc3"}};
     add(badBank);
     for (const auto &answer : std::vector<std::pair<std::string, std::string>>{{"zero", "0"}, {"false", "False"}}) {
         add({"init_answers_" + answer.first, Script("ovra_kb_init", answer.second), Op::INIT, 0, {}, {}, true});
     }
-    for (const auto &answer : std::vector<std::pair<std::string, std::string>>{
-             {"one", "1"}, {"true", "True"}, {"minus_one", "-1"}, {"none", "None"}, {"text", "'0'"}, {"huge", "2**40"}}) {
+    for (const auto &answer : std::vector<std::pair<std::string, std::string>>{{"one", "1"},
+                                                                               {"true", "True"},
+                                                                               {"minus_one", "-1"},
+                                                                               {"none", "None"},
+                                                                               {"text", "'0'"},
+                                                                               {"huge", "2**40"}}) {
         add({"init_answers_" + answer.first, Script("ovra_kb_init", answer.second), Op::INIT, 6, initFailed, {}, true});
     }
     add({"init_raises", Script("ovra_kb_init", raise), Op::INIT, 6, initFailed, {"E_MOD"}, true});
 
     for (const auto &answer :
          std::vector<std::pair<std::string, std::string>>{{"none", "None"}, {"false", "False"}, {"one", "1"}}) {
-        add({"finalize_answers_" + answer.first, Script("ovra_kb_finalize", answer.second), Op::FINALIZE, 0, {}, {},
+        add({"finalize_answers_" + answer.first,
+             Script("ovra_kb_finalize", answer.second),
+             Op::FINALIZE,
+             0,
+             {},
+             {},
              true});
     }
-    add({"finalize_raises", Script("ovra_kb_finalize", raise), Op::FINALIZE, 6,
-         {"Failed to call ovra_kb_finalize.", "Run OvraKbFinalize Error!"}, {"E_MOD"}, true});
+    add({"finalize_raises",
+         Script("ovra_kb_finalize", raise),
+         Op::FINALIZE,
+         6,
+         {"Failed to call ovra_kb_finalize.", "Run OvraKbFinalize Error!"},
+         {"E_MOD"},
+         true});
 
     for (Op op : {Op::WRITE, Op::DELETE}) {
         const std::string name = op == Op::WRITE ? "write" : "delete";
         const std::string exported = op == Op::WRITE ? "Run OvraKbWrite Error!" : "Run OvraKbDelete Error!";
         const Strings failed = {"Failed to call ovra_kb_" + name + ".", exported};
-        StatusCase missing{name + "_missing_op_type", "{}", op, 2,
-                           {"CheckSearchConfigMap: Check searchConfigMap Failed!", exported}, {}, false};
+        StatusCase missing{name + "_missing_op_type",
+                           "{}",
+                           op,
+                           2,
+                           {"CheckSearchConfigMap: Check searchConfigMap Failed!", exported},
+                           {},
+                           false};
         missing.config = {{"search_type", "exact"}};
         add(missing);
-        StatusCase bad{name + "_invalid_utf8_op_type", "{}", op, 4,
-                       {"GetParamsFromWriteConfig: Py_BuildValue returns nullptr!", exported}, {}, false};
+        StatusCase bad{name + "_invalid_utf8_op_type",
+                       "{}",
+                       op,
+                       4,
+                       {"GetParamsFromWriteConfig: Py_BuildValue returns nullptr!", exported},
+                       {},
+                       false};
         bad.config = {{"op_type", "\xfe\xfe"}};
         add(bad);
         for (const auto &answer : std::vector<std::pair<std::string, std::string>>{
@@ -236,33 +282,60 @@ std::vector<StatusCase> StatusCases()
         add({name + "_raises", Script("ovra_kb_" + name, raise), op, 6, failed, {"E_MOD"}, true});
     }
 
-    StatusCase searchMissing{"search_missing_op_type", "{}", Op::SEARCH, 2,
+    StatusCase searchMissing{"search_missing_op_type",
+                             "{}",
+                             Op::SEARCH,
+                             2,
                              {"CheckSearchConfigMap: Check searchConfigMap Failed!", "Failed to call OvraKbSearchReq.",
                               "Run OvraKbSearch Error!"},
-                             {}, false};
+                             {},
+                             false};
     searchMissing.config = {{"search_type", "exact"}};
     add(searchMissing);
-    StatusCase searchBad{"search_invalid_utf8_search_type", "{}", Op::SEARCH, 4,
+    StatusCase searchBad{"search_invalid_utf8_search_type",
+                         "{}",
+                         Op::SEARCH,
+                         4,
                          {"GetParamsFromSearchConfig: Py_BuildValue returns nullptr!",
                           "Failed to call OvraKbSearchReq.", "Run OvraKbSearch Error!"},
-                         {}, false};
+                         {},
+                         false};
     searchBad.config = {{"op_type", "Add"}, {"search_type", "\x80"}};
     add(searchBad);
     // A refused answer is dropped after the lock is given back, so the module must keep every
     // answer alive itself: here a cached empty str, None, a small int and a bytes object it holds.
     for (const auto &answer : std::vector<std::pair<std::string, std::string>>{
              {"empty", "''"}, {"none", "None"}, {"number", "5"}, {"bytes", "state.setdefault('kept', b'task')"}}) {
-        add({"search_async_answers_" + answer.first, Script("ovra_kb_search_async", answer.second), Op::SEARCH, 6,
-             searchReqInvalid, {}, true});
+        add({"search_async_answers_" + answer.first,
+             Script("ovra_kb_search_async", answer.second),
+             Op::SEARCH,
+             6,
+             searchReqInvalid,
+             {},
+             true});
     }
-    add({"search_async_raises", Script("ovra_kb_search_async", raise), Op::SEARCH, 6,
+    add({"search_async_raises",
+         Script("ovra_kb_search_async", raise),
+         Op::SEARCH,
+         6,
          {"Failed to call ovra_kb_search_async, pyRes is nullptr.", "Failed to call OvraKbSearchReq.",
           "Run OvraKbSearch Error!"},
-         {"E_MOD"}, true});
-    add({"search_get_raises", Script("ovra_kb_search_get", raise), Op::SEARCH, 6,
-         {"Failed to call ovra_kb_search_get.", "Run OvraKbSearch Error!"}, {"E_MOD"}, true});
-    add({"search_flag_truth_raises", Script("ovra_kb_search_get", "(BadBool(), [])"), Op::SEARCH, 2,
-         {"ovra_kb_search_get check res failed.", "Run OvraKbSearch Error!"}, {}, true});
+         {"E_MOD"},
+         true});
+    add({"search_get_raises",
+         Script("ovra_kb_search_get", raise),
+         Op::SEARCH,
+         6,
+         {"Failed to call ovra_kb_search_get.", "Run OvraKbSearch Error!"},
+         {"E_MOD"},
+         true});
+    add({"search_flag_truth_raises",
+         Script("ovra_kb_search_get", "(BadBool(), [])"),
+         Op::SEARCH,
+         2,
+         {"ovra_kb_search_get check res failed.", "Run OvraKbSearch Error!"},
+         {},
+         true});
     return cases;
 }
 
@@ -353,7 +426,8 @@ TEST_F(Api, SearchPollsEveryMillisecondUntilFinishedAndAppendsItsRows)
 TEST_F(Api, SearchKeepsOneReferenceOnEachFlagItReads)
 {
     Up();
-    const char *counts = "note('%d %d %d' % (sys.version_info[:2] >= (3, 12), sys.getrefcount(False), sys.getrefcount(True)))";
+    const char *counts =
+        "note('%d %d %d' % (sys.version_info[:2] >= (3, 12), sys.getrefcount(False), sys.getrefcount(True)))";
     scripted_.SetScript(Script("ovra_kb_write", counts));
     ASSERT_EQ(OvraKbWrite("kw", "text", OP, true), 0U);
     scripted_.SetScript(R"js({"ovra_kb_search_get": ["(False, [])", "(False, [])", "(True, [])"]})js");
@@ -380,7 +454,8 @@ TEST_F(Api, SearchKeepsOneReferenceOnEachFlagItReads)
 TEST_F(Api, FinishedSearchWithoutUsableRowsStillSucceeds)
 {
     Up();
-    for (const char *answer : {"(True, [])", "(True, 'not a list')", "(True, None)", "(1, [{'a': '1'}, {}, {'b': '2'}])"}) {
+    for (const char *answer :
+         {"(True, [])", "(True, 'not a list')", "(True, None)", "(1, [{'a': '1'}, {}, {'b': '2'}])"}) {
         SCOPED_TRACE(answer);
         scripted_.SetScript(Script("ovra_kb_search_get", answer));
         ResetObservations();
@@ -414,9 +489,10 @@ TEST_F(Api, ConcurrentCallersEachGetTheirOwnRowsAndStatuses)
                 const std::string keyword = "k" + std::to_string(i);
                 const std::string knowledge = "thread " + std::to_string(t) + " round " + std::to_string(i);
                 Rows rows;
-                bool ok = OvraKbWrite(keyword, knowledge, config, i % 2 == 0) == 0 &&
-                          OvraKbSearch(keyword, config, rows) == 0 &&
-                          rows == Rows{{{"keyword", keyword}, {"knowledge", knowledge}, {"op_type", config.at("op_type")}}};
+                bool ok =
+                    OvraKbWrite(keyword, knowledge, config, i % 2 == 0) == 0 &&
+                    OvraKbSearch(keyword, config, rows) == 0 &&
+                    rows == Rows{{{"keyword", keyword}, {"knowledge", knowledge}, {"op_type", config.at("op_type")}}};
                 // A refused configuration fails on its own thread without disturbing the others.
                 Rows ignored;
                 ok = ok && OvraKbSearch(keyword, {{"search_type", "exact"}}, ignored) == 2;
@@ -447,7 +523,8 @@ TEST_F(Api, TwoInitsAndTwoFinalisesStartAndStopPythonOnce)
     EXPECT_EQ(scripted_.CallsOf("ovra_kb_finalize").size(), 2U);
     Strings events = LogCapture::Messages(OVRA_LEVEL_EVENT, "ovra_kb_pyfunc_mgr");
     EXPECT_EQ(std::count(events.begin(), events.end(), "OvraKbPyfuncMgr: Run PyObjectInit successfully!"), 1);
-    EXPECT_EQ(std::count(events.begin(), events.end(), "OvraKbPyfuncMgr: PyObjectDeinit function end successfully!"), 1);
+    EXPECT_EQ(std::count(events.begin(), events.end(), "OvraKbPyfuncMgr: PyObjectDeinit function end successfully!"),
+              1);
 }
 
 TEST_F(Api, FailingModuleFinaliseLeavesPythonUpUntilItSucceeds)
@@ -456,13 +533,15 @@ TEST_F(Api, FailingModuleFinaliseLeavesPythonUpUntilItSucceeds)
     scripted_.SetScript(Script("ovra_kb_finalize", "fail(RuntimeError('busy'))"));
     EXPECT_EQ(OvraKbFinalize(), 6U);
     Strings events = LogCapture::Messages(OVRA_LEVEL_EVENT, "ovra_kb_pyfunc_mgr");
-    EXPECT_EQ(std::count(events.begin(), events.end(), "OvraKbPyfuncMgr: PyObjectDeinit function end successfully!"), 0);
+    EXPECT_EQ(std::count(events.begin(), events.end(), "OvraKbPyfuncMgr: PyObjectDeinit function end successfully!"),
+              0);
     scripted_.SetScript("{}");
     Rows rows;
     EXPECT_EQ(OvraKbSearch("kw", OP, rows), 0U) << "Python is still up";
     EXPECT_EQ(OvraKbFinalize(), 0U);
     events = LogCapture::Messages(OVRA_LEVEL_EVENT, "ovra_kb_pyfunc_mgr");
-    EXPECT_EQ(std::count(events.begin(), events.end(), "OvraKbPyfuncMgr: PyObjectDeinit function end successfully!"), 1);
+    EXPECT_EQ(std::count(events.begin(), events.end(), "OvraKbPyfuncMgr: PyObjectDeinit function end successfully!"),
+              1);
     EXPECT_EQ(scripted_.CallsOf("ovra_kb_finalize").size(), 2U);
 }
 
@@ -472,7 +551,8 @@ TEST_F(Api, FailedInitLeavesTheUserCountedUntilFinalised)
     EXPECT_EQ(OvraKbWrite("kw", "text", OP, true), 0U) << "the Python side stays up after a refused configuration";
     EXPECT_EQ(OvraKbFinalize(), 0U);
     Strings events = LogCapture::Messages(OVRA_LEVEL_EVENT, "ovra_kb_pyfunc_mgr");
-    EXPECT_EQ(std::count(events.begin(), events.end(), "OvraKbPyfuncMgr: PyObjectDeinit function end successfully!"), 1);
+    EXPECT_EQ(std::count(events.begin(), events.end(), "OvraKbPyfuncMgr: PyObjectDeinit function end successfully!"),
+              1);
 }
 
 }  // namespace

@@ -6,8 +6,8 @@
 #include <signal.h>
 
 #include <atomic>
-#include <functional>
 #include <cstring>
+#include <functional>
 #include <thread>
 
 #include "log_capture.h"
@@ -50,8 +50,8 @@ void PutAnsweringPythonFirst(const TempDir &dir, const std::string &name, const 
     std::string bin = dir.File("answering-bin");
     (void)system(("mkdir -p '" + bin + "'").c_str());
     OvraTest::WriteFile(bin + "/python3",
-                        "#!/bin/sh\ncase \"$2\" in\n  *LDLIBRARY*) echo '" + name + "' ;;\n  *LIBDIR*) echo '" + libdir +
-                            "' ;;\nesac\n",
+                        "#!/bin/sh\ncase \"$2\" in\n  *LDLIBRARY*) echo '" + name + "' ;;\n  *LIBDIR*) echo '" +
+                            libdir + "' ;;\nesac\n",
                         true);
     OvraTest::PrependToPath(bin);
 }
@@ -73,16 +73,17 @@ std::vector<FaultCase> FaultCases()
     const std::string noModuleLog = "ModuleNotFoundError: No module named 'oxe.common.repository_manager.utils'";
     const Strings loadFailed = {"PyObjectInit: Load python error"};
     return {
-        {"no_python3",
-         [](const TempDir &dir) { setenv("PATH", dir.File("nowhere").c_str(), 1); },
-         Concat(Concat({"Cannot fetch the version information of the current python.", "Failed to get python3 [LDLIBRARY].",
+        {"no_python3", [](const TempDir &dir) { setenv("PATH", dir.File("nowhere").c_str(), 1); },
+         Concat(Concat({"Cannot fetch the version information of the current python.",
+                        "Failed to get python3 [LDLIBRARY].",
                         "Failed to get python3 lib name when trying to load library."},
                        loadFailed),
                 START_UP_FAILED),
          "", "", Recovery::FIX_PATH_THEN_SUCCEED},
         {"python3_names_a_static_library",
          [](const TempDir &dir) { PutAnsweringPythonFirst(dir, "libpython3.11.a", RealQuery("LIBDIR")); },
-         Concat(Concat({"Failed to get python3 [LDLIBRARY].", "Failed to get python3 lib name when trying to load library."},
+         Concat(Concat({"Failed to get python3 [LDLIBRARY].",
+                        "Failed to get python3 lib name when trying to load library."},
                        loadFailed),
                 START_UP_FAILED),
          "", "", Recovery::FIX_PATH_THEN_SUCCEED},
@@ -94,12 +95,10 @@ std::vector<FaultCase> FaultCases()
                        loadFailed),
                 START_UP_FAILED),
          "", "", Recovery::FIX_PATH_THEN_SUCCEED},
-        {"knowledge_module_missing",
-         [](const TempDir &) { OvraTest::UsePackages({"log"}); },
+        {"knowledge_module_missing", [](const TempDir &) { OvraTest::UsePackages({"log"}); },
          Concat({"OVRA_KB import ovraKbInterface_ error", "PyObjectInit: Run Init error."}, START_UP_FAILED), "EC0010",
          noModuleKb + "\n", Recovery::STAYS_REFUSED},
-        {"log_module_missing",
-         [](const TempDir &) { OvraTest::UsePackages({"kb"}); },
+        {"log_module_missing", [](const TempDir &) { OvraTest::UsePackages({"kb"}); },
          Concat({"PyObjectInit: Import repository_manager_log error"}, START_UP_FAILED), "EC0010", noModuleLog + "\n",
          Recovery::STAYS_REFUSED},
         {"knowledge_module_raises_at_import",
@@ -108,12 +107,13 @@ std::vector<FaultCase> FaultCases()
              OvraTest::UsePackages({"variants/interface_raises", "log"});
          },
          Concat({"OVRA_KB import ovraKbInterface_ error", "PyObjectInit: Run Init error."}, START_UP_FAILED),
-         "E_KB_IMPORT", "RuntimeError: {'errCode': 'E_KB_IMPORT', 'reason': 'bank offline'}\n", Recovery::STAYS_REFUSED},
+         "E_KB_IMPORT", "RuntimeError: {'errCode': 'E_KB_IMPORT', 'reason': 'bank offline'}\n",
+         Recovery::STAYS_REFUSED},
     };
 }
 
 class Faults : public ::testing::TestWithParam<FaultCase> {
-protected:
+  protected:
     void SetUp() override
     {
         OvraTest::PutPythonFirstOnPath(dir_, OvraTest::TestPython());

@@ -36,7 +36,7 @@ int LoadSeconds()
 
 // Fails the test loudly instead of letting a deadlock hang CI.
 class Watchdog {
-public:
+  public:
     explicit Watchdog(std::chrono::seconds quiet) : quiet_(quiet), thread_([this] { Watch(); }) {}
     ~Watchdog()
     {
@@ -45,7 +45,7 @@ public:
     }
     void Progress() { ++progress_; }
 
-private:
+  private:
     void Watch()
     {
         long last = -1;

@@ -45,7 +45,7 @@ Counts ParseCounts(const std::string &note)
 }
 
 class Memory : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override
     {
         OvraTest::PutPythonFirstOnPath(dir_, OvraTest::TestPython());

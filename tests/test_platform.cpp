@@ -16,8 +16,8 @@ struct Output {
 
 Output RunProbe(const std::string &environment, const std::string &mode)
 {
-    std::string command = "env -u OVRA_LOG_LEVEL -u OVRA_LOG_EVENT " + environment + " '" +
-                          OVRA_TEST_PLATFORM_PROBE + "' " + mode + " 2>&1 1>/dev/null";
+    std::string command = "env -u OVRA_LOG_LEVEL -u OVRA_LOG_EVENT " + environment + " '" + OVRA_TEST_PLATFORM_PROBE +
+                          "' " + mode + " 2>&1 1>/dev/null";
     Output output;
     FILE *pipe = popen(command.c_str(), "r");
     char buffer[4096];
@@ -33,7 +33,8 @@ Output RunProbe(const std::string &environment, const std::string &mode)
     while (std::getline(stream, line)) {
         output.lines.push_back(line);
     }
-    FILE *outPipe = popen(("env " + environment + " '" + OVRA_TEST_PLATFORM_PROBE + "' " + mode + " 2>/dev/null").c_str(), "r");
+    FILE *outPipe =
+        popen(("env " + environment + " '" + OVRA_TEST_PLATFORM_PROBE + "' " + mode + " 2>/dev/null").c_str(), "r");
     while (outPipe != nullptr && fgets(buffer, sizeof(buffer), outPipe) != nullptr) {
         output.out += buffer;
     }
@@ -46,7 +47,8 @@ Output RunProbe(const std::string &environment, const std::string &mode)
 std::vector<std::string> LevelsShown(const Output &output)
 {
     std::vector<std::string> levels;
-    std::regex line(R"(^\[(DEBUG|INFO|WARNING|ERROR|EVENT)\] \d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} pid=\d+ \[probe:1\]\[TEST\]\[Tid:\d+\]"level \d+"$)");
+    std::regex line(
+        R"(^\[(DEBUG|INFO|WARNING|ERROR|EVENT)\] \d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} pid=\d+ \[probe:1\]\[TEST\]\[Tid:\d+\]"level \d+"$)");
     for (const std::string &text : output.lines) {
         std::smatch match;
         if (std::regex_match(text, match, line)) {

@@ -66,16 +66,17 @@ int PythonVersion()
 
 std::string RuntimeLibraryPath()
 {
-    const std::string python = "'" + OvraTest::TestPython() + "' -c 'import sysconfig; print(sysconfig.get_config_var(\"";
+    const std::string python =
+        "'" + OvraTest::TestPython() + "' -c 'import sysconfig; print(sysconfig.get_config_var(\"";
     return RunAndRead(python + "LIBDIR\"))'") + "/" + RunAndRead(python + "LDLIBRARY\"))'");
 }
 
 class Gil {
-public:
+  public:
     Gil() : state_(Api().PyGILState_Ensure()) {}
     ~Gil() { Api().PyGILState_Release(state_); }
 
-private:
+  private:
     OvraKb::PyGILState_STATE state_;
 };
 
@@ -110,7 +111,7 @@ bool LockIsFree()
 }
 
 class PythonSide : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override
     {
         OvraTest::PutCountingPythonFirstOnPath(dir_, OvraTest::TestPython(), counter_);
@@ -135,7 +136,8 @@ TEST_F(PythonSide, FirstUserStartsSecondIsCountedLastStopsAndTheCycleRepeats)
         SCOPED_TRACE("cycle " + std::to_string(cycle));
         LogCapture::Clear();
         ASSERT_TRUE(Manager().PyObjectInit());
-        Strings expected = {"OvraKbPyfuncMgr: Enter PyObjectInit, reference_ is 0!", "Start to run Py_IsInitialized now."};
+        Strings expected = {"OvraKbPyfuncMgr: Enter PyObjectInit, reference_ is 0!",
+                            "Start to run Py_IsInitialized now."};
         if (needsThreadInit) {
             expected.push_back("Start to run PyEval_ThreadsInitialized now.");
         }
@@ -164,7 +166,8 @@ TEST_F(PythonSide, FirstUserStartsSecondIsCountedLastStopsAndTheCycleRepeats)
         LogCapture::Clear();
         Manager().PyObjectDeinit();
         EXPECT_EQ(Users(), 1U);
-        EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_INFO, "ovra_kb_pyfunc_mgr"), Strings{"PyObject does not need to deinit"});
+        EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_INFO, "ovra_kb_pyfunc_mgr"),
+                  Strings{"PyObject does not need to deinit"});
         EXPECT_EQ(Api().Py_IsInitialized(), 1);
 
         LogCapture::Clear();
@@ -276,7 +279,7 @@ int InterpreterUp()
 }
 
 class References : public PythonSide {
-protected:
+  protected:
     void SetUp() override
     {
         PythonSide::SetUp();
@@ -320,7 +323,9 @@ TEST_F(References, NothingIsTouchedOnceTheInterpreterIsGone)
     auto realIsInitialized = Api().Py_IsInitialized;
     Api().Py_IsInitialized = InterpreterGone;
     OvraKb::PyObjectDecRef(obj);
-    { PyObjectPtr holder(obj); }
+    {
+        PyObjectPtr holder(obj);
+    }
     Api().Py_IsInitialized = realIsInitialized;
     EXPECT_EQ(OvraKb::RefCount(obj), 1);
     EXPECT_TRUE(g_deallocated.empty());
@@ -335,8 +340,12 @@ TEST_F(References, HelpersReleaseEachEntryOnceAndSkipNulls)
     Api().Py_IsInitialized = InterpreterUp;
     g_isInitializedCalls = 0;
     OvraKb::PyObjectDecRef(nullptr);
-    { PyObjectPtr empty; }
-    { PyObjectPtr fromNull(nullptr); }
+    {
+        PyObjectPtr empty;
+    }
+    {
+        PyObjectPtr fromNull(nullptr);
+    }
     EXPECT_EQ(g_isInitializedCalls, 0) << "a null release must not reach the table";
 
     PyObject *a = Eval("['a']");
@@ -380,7 +389,7 @@ TEST_F(References, SearchArgumentsKeepOneReferenceOnNonePerSearchWithoutType)
 // ---- Conversions ----
 
 class Conversions : public PythonSide {
-protected:
+  protected:
     void SetUp() override
     {
         PythonSide::SetUp();
@@ -496,9 +505,8 @@ struct SplitCase {
 TEST(ErrorText, StringSplitKeepsInnerEmptyPiecesButNoTrailingOne)
 {
     const std::vector<SplitCase> cases = {
-        {"a,,b", {}, {"a", "", "b"}}, {",a", {}, {"", "a"}},      {"a,b,", {}, {"a", "b"}},
-        {"", {}, {}},                 {"a,b", {"x"}, {"x", "a", "b"}}, {"abc", {}, {"abc"}},
-        {",", {}, {""}},
+        {"a,,b", {}, {"a", "", "b"}},    {",a", {}, {"", "a"}}, {"a,b,", {}, {"a", "b"}}, {"", {}, {}},
+        {"a,b", {"x"}, {"x", "a", "b"}}, {"abc", {}, {"abc"}},  {",", {}, {""}},
     };
     for (const SplitCase &c : cases) {
         Strings out = c.before;
@@ -658,11 +666,10 @@ TEST_P(KbImportFailure, ReportsTheModulesOwnCodeOrTheFallback)
 
 INSTANTIATE_TEST_SUITE_P(
     Kinds, KbImportFailure,
-    ::testing::Values(ImportFailureCase{"runtime_dict", "runtime_dict", "E_KB_IMPORT", {{"reason", "bank offline"}}},
-                      ImportFailureCase{"runtime_text", "runtime_text", "EC0010",
-                                        {{"result", "RuntimeError: bank offline."}}},
-                      ImportFailureCase{"value_error", "value_error", "EC0010",
-                                        {{"result", "ValueError: bad configuration."}}}),
+    ::testing::Values(
+        ImportFailureCase{"runtime_dict", "runtime_dict", "E_KB_IMPORT", {{"reason", "bank offline"}}},
+        ImportFailureCase{"runtime_text", "runtime_text", "EC0010", {{"result", "RuntimeError: bank offline."}}},
+        ImportFailureCase{"value_error", "value_error", "EC0010", {{"result", "ValueError: bad configuration."}}}),
     [](const ::testing::TestParamInfo<ImportFailureCase> &info) { return info.param.label; });
 
 TEST_F(PythonSide, MissingPackagesFailTheStartUp)

@@ -14,11 +14,15 @@ using Rows = std::vector<StrMap>;
 
 StrMap Row(const std::string &opType, const std::string &keyword, const std::string &knowledge)
 {
-    return {{"core_num", "8"}, {"keyword", keyword}, {"knowledge", knowledge}, {"op_type", opType}, {"soc_version", "Ascend910B"}};
+    return {{"core_num", "8"},
+            {"keyword", keyword},
+            {"knowledge", knowledge},
+            {"op_type", opType},
+            {"soc_version", "Ascend910B"}};
 }
 
 class ReferenceKb : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override
     {
         OvraTest::PutPythonFirstOnPath(dir_, OvraTest::TestPython());
@@ -60,7 +64,8 @@ TEST_F(ReferenceKb, RoundTripOverEverySearchType)
     EXPECT_EQ(Search("", "*", "all").size(), 4U);
 
     ASSERT_EQ(OvraKbWrite("tile_m128", "split M by 128, double buffer", matmul, true), 0U);
-    EXPECT_EQ(Search("tile_m128", "MatMul", nullptr), Rows{Row("MatMul", "tile_m128", "split M by 128, double buffer")});
+    EXPECT_EQ(Search("tile_m128", "MatMul", nullptr),
+              Rows{Row("MatMul", "tile_m128", "split M by 128, double buffer")});
     ASSERT_EQ(OvraKbDelete("tile_m256", matmul, true), 0U);
     ASSERT_EQ(OvraKbDelete("never_written", matmul, false), 0U) << "deleting a missing record succeeds";
     EXPECT_EQ(Search("tile_", "MatMul", "prefix").size(), 1U);

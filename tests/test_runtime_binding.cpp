@@ -55,7 +55,7 @@ std::string Sprintf(const char *format, const std::string &arg)
 
 // A python3 first on the path that answers the two queries with fixed output and records its arguments.
 class FakePython {
-public:
+  public:
     FakePython(const TempDir &dir, const std::string &nameOutput, const std::string &dirOutput,
                const std::string &stderrOutput = "")
         : argsFile_(dir.File("fake-args.txt"))
@@ -67,18 +67,26 @@ public:
         (void)system(("mkdir -p '" + bin + "'").c_str());
         OvraTest::WriteFile(bin + "/python3",
                             "#!/bin/sh\n"
-                            "printf '%s\\n' \"$1\" \"$2\" >> '" + argsFile_ + "'\n"
-                            "cat '" + dir.File("err.out") + "' >&2\n"
-                            "case \"$2\" in\n"
-                            "  *LDLIBRARY*) cat '" + dir.File("name.out") + "' ;;\n"
-                            "  *LIBDIR*) cat '" + dir.File("dir.out") + "' ;;\n"
-                            "esac\n",
+                            "printf '%s\\n' \"$1\" \"$2\" >> '" +
+                                argsFile_ +
+                                "'\n"
+                                "cat '" +
+                                dir.File("err.out") +
+                                "' >&2\n"
+                                "case \"$2\" in\n"
+                                "  *LDLIBRARY*) cat '" +
+                                dir.File("name.out") +
+                                "' ;;\n"
+                                "  *LIBDIR*) cat '" +
+                                dir.File("dir.out") +
+                                "' ;;\n"
+                                "esac\n",
                             true);
         OvraTest::PrependToPath(bin);
     }
     std::vector<std::string> Arguments() const { return OvraTest::ReadLines(argsFile_); }
 
-private:
+  private:
     std::string argsFile_;
 };
 
@@ -307,9 +315,9 @@ TEST_P(IncompleteRuntime, FailsAtTheMissingRowAndLooksUpNothingAfterIt)
     // Later rows keep whatever they held: mark them to see that they are not looked up.
     void *const marker = reinterpret_cast<void *>(0x5a5a);
     size_t row = 0;
-#define OVRA_KB_MARK_LATER(symbol, failureName, Type)                      \
-    if (row++ > c.row) {                                                    \
-        Api().symbol = reinterpret_cast<decltype(Api().symbol)>(marker);  \
+#define OVRA_KB_MARK_LATER(symbol, failureName, Type)                    \
+    if (row++ > c.row) {                                                 \
+        Api().symbol = reinterpret_cast<decltype(Api().symbol)>(marker); \
     }
     OVRA_KB_PYTHON_API(OVRA_KB_MARK_LATER)
 #undef OVRA_KB_MARK_LATER

@@ -34,7 +34,7 @@ long TearDowns()
 
 // Lets a group of threads pass together.
 class StartLine {
-public:
+  public:
     explicit StartLine(int count) : waiting_(count) {}
     void Arrive()
     {
@@ -46,14 +46,14 @@ public:
         open_.wait(lock, [this] { return waiting_ == 0; });
     }
 
-private:
+  private:
     std::mutex mutex_;
     std::condition_variable open_;
     int waiting_;
 };
 
 class Threads : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override
     {
         OvraTest::PutCountingPythonFirstOnPath(dir_, OvraTest::TestPython(), counter_);
@@ -96,9 +96,9 @@ TEST_F(Threads, ManyShortLivedThreadsPythonHasNeverSeen)
             threads.emplace_back([batch, t, &failures] {
                 const std::string keyword = "b" + std::to_string(batch) + "t" + std::to_string(t);
                 Rows rows;
-                bool ok = OvraKbWrite(keyword, keyword + " text", OP, false) == 0 && OvraKbSearch(keyword, OP, rows) == 0 &&
-                          rows.size() == 1 && rows[0].at("knowledge") == keyword + " text" &&
-                          OvraKbDelete(keyword, OP, false) == 0;
+                bool ok = OvraKbWrite(keyword, keyword + " text", OP, false) == 0 &&
+                          OvraKbSearch(keyword, OP, rows) == 0 && rows.size() == 1 &&
+                          rows[0].at("knowledge") == keyword + " text" && OvraKbDelete(keyword, OP, false) == 0;
                 if (!ok) {
                     ++failures;
                 }

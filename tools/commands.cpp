@@ -24,11 +24,13 @@ struct Record {
     std::size_t line = 0;
 };
 
-std::string Describe(const std::string &keyword, const std::string &opType) {
+std::string Describe(const std::string &keyword, const std::string &opType)
+{
     return keyword + " (op type " + opType + ")";
 }
 
-int PrintRows(const std::vector<OvraKb::StrMap> &rows, bool json) {
+int PrintRows(const std::vector<OvraKb::StrMap> &rows, bool json)
+{
     if (json) {
         std::fputs(FormatJsonArray(rows).c_str(), stdout);
     } else if (rows.empty()) {
@@ -39,7 +41,8 @@ int PrintRows(const std::vector<OvraKb::StrMap> &rows, bool json) {
     return 0;
 }
 
-bool RecordFromLine(const std::string &text, const std::string &defaultOpType, Record &record, std::string &error) {
+bool RecordFromLine(const std::string &text, const std::string &defaultOpType, Record &record, std::string &error)
+{
     JsonObject object;
     if (!ParseJsonObject(text, object, error)) {
         return false;
@@ -54,17 +57,20 @@ bool RecordFromLine(const std::string &text, const std::string &defaultOpType, R
     return true;
 }
 
-bool IsBlank(const std::string &text) {
+bool IsBlank(const std::string &text)
+{
     return text.find_first_not_of(" \t\r") == std::string::npos;
 }
 
-int CannotRead(const std::string &file) {
+int CannotRead(const std::string &file)
+{
     std::fprintf(stderr, "ovra-kb: cannot read %s: %s\n", file.c_str(), std::strerror(errno));
     return kExitNoInput;
 }
 
 // Every line is read and checked before the first write, so that a malformed file changes nothing.
-int ReadRecords(const Options &options, std::vector<Record> &records) {
+int ReadRecords(const Options &options, std::vector<Record> &records)
+{
     const std::string &file = options.operands[0];
     std::ifstream in(file);
     if (!in) {
@@ -87,7 +93,8 @@ int ReadRecords(const Options &options, std::vector<Record> &records) {
     return in.bad() ? CannotRead(file) : 0;
 }
 
-void ShowProgress(std::size_t done, std::size_t total) {
+void ShowProgress(std::size_t done, std::size_t total)
+{
     const std::size_t step = total / 10;
     if (total >= kProgressThreshold && done % step == 0 && done < total) {
         std::fprintf(stderr, "ovra-kb: imported %zu of %zu records\n", done, total);
@@ -96,7 +103,8 @@ void ShowProgress(std::size_t done, std::size_t total) {
 
 // The last record is written durably: the reference package's durable commit syncs its journal, which
 // makes every earlier record of the import durable as well, at the cost of one sync instead of one per record.
-int WriteRecords(KbSession &kb, const std::vector<Record> &records, const std::string &file) {
+int WriteRecords(KbSession &kb, const std::vector<Record> &records, const std::string &file)
+{
     for (std::size_t i = 0; i < records.size(); ++i) {
         const Record &record = records[i];
         const bool durable = i + 1 == records.size();
@@ -109,7 +117,8 @@ int WriteRecords(KbSession &kb, const std::vector<Record> &records, const std::s
     return 0;
 }
 
-std::string ExportLine(const OvraKb::StrMap &row) {
+std::string ExportLine(const OvraKb::StrMap &row)
+{
     JsonObject record;
     for (const char *field : {"keyword", "knowledge", "op_type"}) {
         const auto found = row.find(field);
@@ -118,12 +127,14 @@ std::string ExportLine(const OvraKb::StrMap &row) {
     return FormatJsonObject(record) + "\n";
 }
 
-int CannotWrite(const std::string &file) {
+int CannotWrite(const std::string &file)
+{
     std::fprintf(stderr, "ovra-kb: cannot write %s: %s\n", file.c_str(), std::strerror(errno));
     return kExitCannotCreate;
 }
 
-int WriteExport(const std::vector<OvraKb::StrMap> &rows, const Options &options) {
+int WriteExport(const std::vector<OvraKb::StrMap> &rows, const Options &options)
+{
     const bool toFile = !options.operands.empty();
     const std::string file = toFile ? options.operands[0] : "standard output";
     FILE *out = toFile ? std::fopen(file.c_str(), "w") : stdout;
@@ -146,11 +157,13 @@ int WriteExport(const std::vector<OvraKb::StrMap> &rows, const Options &options)
 
 }  // namespace
 
-std::string BankDir(const Options &options) {
+std::string BankDir(const Options &options)
+{
     return options.bank.empty() ? DefaultBankDir() : options.bank;
 }
 
-int RunWrite(const Options &options) {
+int RunWrite(const Options &options)
+{
     const std::string &keyword = options.operands[0];
     return WithSession(options, BankDir(options), [&](KbSession &kb) {
         const CallOutcome written = kb.Write(keyword, options.operands[1], options.opType, true);
@@ -162,7 +175,8 @@ int RunWrite(const Options &options) {
     });
 }
 
-int RunSearch(const Options &options) {
+int RunSearch(const Options &options)
+{
     const std::string keyword = options.operands.empty() ? "" : options.operands[0];
     return WithSession(options, BankDir(options), [&](KbSession &kb) {
         std::vector<OvraKb::StrMap> rows;
@@ -172,7 +186,8 @@ int RunSearch(const Options &options) {
 }
 
 // The knowledge base answers a delete of a missing record with success; looking first tells the user which.
-int RunDelete(const Options &options) {
+int RunDelete(const Options &options)
+{
     const std::string &keyword = options.operands[0];
     return WithSession(options, BankDir(options), [&](KbSession &kb) {
         std::vector<OvraKb::StrMap> existing;
@@ -189,7 +204,8 @@ int RunDelete(const Options &options) {
     });
 }
 
-int RunImport(const Options &options) {
+int RunImport(const Options &options)
+{
     std::vector<Record> records;
     const int read = ReadRecords(options, records);
     if (read != 0) {
@@ -205,7 +221,8 @@ int RunImport(const Options &options) {
     });
 }
 
-int RunExport(const Options &options) {
+int RunExport(const Options &options)
+{
     const std::string opType = options.opTypeGiven ? options.opType : kEveryOpType;
     return WithSession(options, BankDir(options), [&](KbSession &kb) {
         std::vector<OvraKb::StrMap> rows;

@@ -20,7 +20,8 @@ std::string BankDir(const Options &options);
 
 // Opens a session for the options, runs `body` with it and closes it; the first failure gives the exit status.
 template <typename Body>
-int WithSession(const Options &options, const std::string &bank, Body &&body) {
+int WithSession(const Options &options, const std::string &bank, Body &&body)
+{
     KbSession session(KbSettings{bank, options.soc, options.cores, options.verbose});
     const CallOutcome opened = session.Open();
     if (!opened.Ok()) {

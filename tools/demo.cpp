@@ -48,7 +48,8 @@ const SearchStep kListMatMul = {"", "--type all --op-type MatMul", "", "MatMul",
 
 const char kIndent[] = "     ";
 
-bool IsEmptyDirectory(const std::string &path) {
+bool IsEmptyDirectory(const std::string &path)
+{
     DIR *dir = opendir(path.c_str());
     if (dir == nullptr) {
         return false;
@@ -61,27 +62,32 @@ bool IsEmptyDirectory(const std::string &path) {
     return entries <= 2;  // "." and ".."
 }
 
-std::string MakeTemporaryBank() {
+std::string MakeTemporaryBank()
+{
     const char *tmp = getenv("TMPDIR");
     std::string pattern = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/ovra-kb-demo.XXXXXX";
     return mkdtemp(&pattern[0]) != nullptr ? pattern : "";
 }
 
-void RemoveTree(const std::string &path) {
+void RemoveTree(const std::string &path)
+{
     nftw(
         path.c_str(), [](const char *file, const struct stat *, int, FTW *) { return remove(file); }, 16,
         FTW_DEPTH | FTW_PHYS);
 }
 
-void Step(int number, const std::string &what) {
+void Step(int number, const std::string &what)
+{
     std::printf("\n%d. %s\n", number, what.c_str());
 }
 
-void ShowCommand(const std::string &args) {
+void ShowCommand(const std::string &args)
+{
     std::printf("%s$ ovra-kb %s\n", kIndent, args.c_str());
 }
 
-void ShowRows(const std::vector<OvraKb::StrMap> &rows) {
+void ShowRows(const std::vector<OvraKb::StrMap> &rows)
+{
     const std::size_t indent = sizeof(kIndent) - 1;
     const std::size_t width = OutputWidth();
     const std::string table = FormatTable(rows, width > indent ? width - indent : width);
@@ -92,7 +98,8 @@ void ShowRows(const std::vector<OvraKb::StrMap> &rows) {
     }
 }
 
-int WriteAll(KbSession &kb) {
+int WriteAll(KbSession &kb)
+{
     Step(1, "Write " + std::to_string(sizeof(kRecords) / sizeof(kRecords[0])) + " records under two op types");
     for (const DemoRecord &record : kRecords) {
         ShowCommand(std::string("write ") + record.keyword + " " + ShellQuote(record.knowledge) + " --op-type " +
@@ -105,7 +112,8 @@ int WriteAll(KbSession &kb) {
     return 0;
 }
 
-int SearchAndShow(KbSession &kb, const SearchStep &step) {
+int SearchAndShow(KbSession &kb, const SearchStep &step)
+{
     ShowCommand(std::string("search ") + step.args);
     std::vector<OvraKb::StrMap> rows;
     const CallOutcome found = kb.Search(step.keyword, step.opType, step.searchType, rows);
@@ -116,7 +124,8 @@ int SearchAndShow(KbSession &kb, const SearchStep &step) {
     return 0;
 }
 
-int DeleteOne(KbSession &kb, int number) {
+int DeleteOne(KbSession &kb, int number)
+{
     Step(number, "Delete m64_n64_k32, then list the MatMul records again");
     ShowCommand("delete m64_n64_k32 --op-type MatMul");
     const CallOutcome deleted = kb.Delete("m64_n64_k32", "MatMul");
@@ -126,7 +135,8 @@ int DeleteOne(KbSession &kb, int number) {
     return SearchAndShow(kb, kListMatMul);
 }
 
-int RunSteps(KbSession &kb) {
+int RunSteps(KbSession &kb)
+{
     int status = WriteAll(kb);
     int number = 2;
     for (const SearchStep &step : kSearches) {
@@ -139,7 +149,8 @@ int RunSteps(KbSession &kb) {
     return status != 0 ? status : DeleteOne(kb, number);
 }
 
-std::string Closing(int status, bool temporary, const std::string &bank) {
+std::string Closing(int status, bool temporary, const std::string &bank)
+{
     if (status != 0) {
         return "The demo stopped at the failure above.";
     }
@@ -148,7 +159,8 @@ std::string Closing(int status, bool temporary, const std::string &bank) {
 
 }  // namespace
 
-int RunDemo(const Options &options) {
+int RunDemo(const Options &options)
+{
     const bool temporary = options.bank.empty();
     if (!temporary && IsDirectory(options.bank) && !IsEmptyDirectory(options.bank)) {
         std::fprintf(stderr, "ovra-kb: demo needs a fresh bank, and %s is not empty\n%s\n", options.bank.c_str(),

@@ -41,7 +41,8 @@ class Doctor {
   public:
     explicit Doctor(std::string bank) : bank_(std::move(bank)) {}
 
-    int Run() {
+    int Run()
+    {
         CheckPython();
         CheckRuntime();
         CheckModules();
@@ -50,7 +51,8 @@ class Doctor {
     }
 
   private:
-    void Report(bool ok, const std::string &name, const std::string &text) {
+    void Report(bool ok, const std::string &name, const std::string &text)
+    {
         std::printf("%-4s %s: %s\n", ok ? "ok" : "fix", name.c_str(), text.c_str());
         std::fflush(stdout);
         failures_ += ok ? 0 : 1;
@@ -69,7 +71,8 @@ class Doctor {
     int failures_ = 0;
 };
 
-double MillisecondsPerRun(const std::string &command) {
+double MillisecondsPerRun(const std::string &command)
+{
     double best = 0;
     for (int run = 0; run < kTimingRuns; ++run) {
         const auto start = std::chrono::steady_clock::now();
@@ -80,7 +83,8 @@ double MillisecondsPerRun(const std::string &command) {
     return best;
 }
 
-std::string FileStart(const std::string &path, std::size_t bytes) {
+std::string FileStart(const std::string &path, std::size_t bytes)
+{
     std::ifstream in(path, std::ios::binary);
     std::string text(bytes, '\0');
     in.read(&text[0], static_cast<std::streamsize>(bytes));
@@ -89,30 +93,36 @@ std::string FileStart(const std::string &path, std::size_t bytes) {
 }
 
 // A version manager's shim is a script that finds and starts the real interpreter on every run.
-bool IsScript(const std::string &path) {
+bool IsScript(const std::string &path)
+{
     return FileStart(path, 2) == "#!";
 }
 
-std::string ShimOwner(const std::string &path) {
+std::string ShimOwner(const std::string &path)
+{
     return FileStart(path, 4096).find("pyenv\" exec") != std::string::npos ? "pyenv's shim" : "a script (a shim?)";
 }
 
-std::string Resolved(const std::string &path) {
+std::string Resolved(const std::string &path)
+{
     char *real = realpath(path.c_str(), nullptr);
     const std::string resolved = real != nullptr ? real : path;
     std::free(real);
     return resolved;
 }
 
-std::string DirOf(const std::string &path) {
+std::string DirOf(const std::string &path)
+{
     return path.substr(0, path.rfind('/'));
 }
 
-std::string Milliseconds(double value) {
+std::string Milliseconds(double value)
+{
     return std::to_string(static_cast<long>(value + 0.5)) + " ms";
 }
 
-void Doctor::CheckPython() {
+void Doctor::CheckPython()
+{
     const std::string onPath = FindOnPath("python3");
     if (onPath.empty()) {
         Report(false, "python3", "none on PATH; " + std::string(kInstallPython));
@@ -129,7 +139,8 @@ void Doctor::CheckPython() {
     DescribePython(onPath, answer.substr(0, newline), answer.substr(newline + 1));
 }
 
-void Doctor::DescribePython(const std::string &onPath, const std::string &executable, const std::string &version) {
+void Doctor::DescribePython(const std::string &onPath, const std::string &executable, const std::string &version)
+{
     const bool oldPython = version.compare(0, 2, "3.") != 0 || std::atoi(version.c_str() + 2) < 6;
     if (oldPython) {
         Report(false, "python3", onPath + " is Python " + version + "; " + kInstallPython);
@@ -150,7 +161,8 @@ void Doctor::DescribePython(const std::string &onPath, const std::string &execut
                " first on PATH to save it");
 }
 
-bool Doctor::CheckConfigVar(const char *name, const std::string &args, std::string &answer) {
+bool Doctor::CheckConfigVar(const char *name, const std::string &args, std::string &answer)
+{
     const ShellResult result = RunShell("python3" + args);
     answer = TrimRight(result.output);
     const bool ok = result.exitCode == 0 && !answer.empty() && answer != "None";
@@ -158,7 +170,8 @@ bool Doctor::CheckConfigVar(const char *name, const std::string &args, std::stri
     return ok;
 }
 
-void Doctor::CheckRuntime() {
+void Doctor::CheckRuntime()
+{
     if (!havePython_) {
         for (const char *name : {"LDLIBRARY", "LIBDIR", "runtime"}) {
             Report(false, name, "not checked without a working python3; apply the python3 fix first");
@@ -175,7 +188,8 @@ void Doctor::CheckRuntime() {
     }
 }
 
-std::vector<std::string> MissingEntryPoints(void *handle) {
+std::vector<std::string> MissingEntryPoints(void *handle)
+{
     std::vector<std::string> missing;
     for (const char *name : kEntryPoints) {
         if (dlsym(handle, name) == nullptr) {
@@ -186,7 +200,8 @@ std::vector<std::string> MissingEntryPoints(void *handle) {
 }
 
 // Loaded locally and lazily: the check must neither run the runtime's code nor lend its symbols to this process.
-void Doctor::CheckRuntimeFile(const std::string &file) {
+void Doctor::CheckRuntimeFile(const std::string &file)
+{
     struct stat info {};
     if (stat(file.c_str(), &info) != 0) {
         Report(false, "runtime", file + " does not exist; " + kInstallPython);
@@ -208,7 +223,8 @@ void Doctor::CheckRuntimeFile(const std::string &file) {
                      " entry points (" + Join(missing, ", ") + "); " + kInstallPython);
 }
 
-void Doctor::CheckModules() {
+void Doctor::CheckModules()
+{
     const PythonPathChoice pythonPath = ChoosePythonPath();
     ApplyPythonPath(pythonPath);
     const std::string shownPath = "PYTHONPATH=" + (pythonPath.value.empty() ? "(empty)" : pythonPath.value);
@@ -227,7 +243,8 @@ void Doctor::CheckModules() {
 }
 
 // Writing a file is the only test that holds for every user, root included, and every file system.
-bool CanCreateFileIn(const std::string &dir, std::string &why) {
+bool CanCreateFileIn(const std::string &dir, std::string &why)
+{
     std::string probe = dir + "/.ovra-kb-doctor.XXXXXX";
     const int fd = mkstemp(&probe[0]);
     if (fd < 0) {
@@ -239,7 +256,8 @@ bool CanCreateFileIn(const std::string &dir, std::string &why) {
     return true;
 }
 
-std::string NearestExistingAncestor(std::string path) {
+std::string NearestExistingAncestor(std::string path)
+{
     while (!path.empty() && access(path.c_str(), F_OK) != 0) {
         const std::size_t slash = path.find_last_of('/');
         path = slash == std::string::npos ? "." : path.substr(0, slash == 0 ? 1 : slash);
@@ -247,7 +265,8 @@ std::string NearestExistingAncestor(std::string path) {
     return path.empty() ? "." : path;
 }
 
-void Doctor::CheckBank() {
+void Doctor::CheckBank()
+{
     const std::string fix = "; try --bank with a writable directory";
     std::string why;
     if (IsDirectory(bank_)) {
@@ -272,7 +291,8 @@ void Doctor::CheckBank() {
 
 }  // namespace
 
-int RunDoctor(const Options &options) {
+int RunDoctor(const Options &options)
+{
     return Doctor(BankDir(options)).Run();
 }
 

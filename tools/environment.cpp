@@ -18,12 +18,14 @@ const char *const kLogModule = "oxe.common.repository_manager.utils.repository_m
 
 namespace {
 
-std::string Env(const char *name) {
+std::string Env(const char *name)
+{
     const char *value = getenv(name);
     return value != nullptr ? value : "";
 }
 
-std::string HomeDir() {
+std::string HomeDir()
+{
     const std::string home = Env("HOME");
     if (!home.empty()) {
         return home;
@@ -32,28 +34,33 @@ std::string HomeDir() {
     return entry != nullptr && entry->pw_dir != nullptr ? entry->pw_dir : "/";
 }
 
-bool IsFile(const std::string &path) {
+bool IsFile(const std::string &path)
+{
     struct stat info {};
     return stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
 }
 
-std::string RealPath(const std::string &path) {
+std::string RealPath(const std::string &path)
+{
     char resolved[PATH_MAX];
     return realpath(path.c_str(), resolved) != nullptr ? resolved : path;
 }
 
-std::string ExecutablePath() {
+std::string ExecutablePath()
+{
     char path[PATH_MAX];
     const ssize_t length = readlink("/proc/self/exe", path, sizeof(path) - 1);
     return length > 0 ? std::string(path, static_cast<std::size_t>(length)) : "";
 }
 
-std::string DirName(const std::string &path) {
+std::string DirName(const std::string &path)
+{
     const std::size_t slash = path.rfind('/');
     return slash == std::string::npos ? "." : path.substr(0, slash == 0 ? 1 : slash);
 }
 
-std::vector<std::string> SplitPath(const std::string &list) {
+std::vector<std::string> SplitPath(const std::string &list)
+{
     std::vector<std::string> entries;
     std::size_t start = 0;
     while (start <= list.size()) {
@@ -64,7 +71,8 @@ std::vector<std::string> SplitPath(const std::string &list) {
     return entries;
 }
 
-std::string ModuleFile(const std::string &module) {
+std::string ModuleFile(const std::string &module)
+{
     std::string file = module;
     for (char &c : file) {
         c = c == '.' ? '/' : c;
@@ -72,7 +80,8 @@ std::string ModuleFile(const std::string &module) {
     return file + ".py";
 }
 
-bool PathHoldsModule(const std::string &pythonPath, const std::string &module) {
+bool PathHoldsModule(const std::string &pythonPath, const std::string &module)
+{
     for (const std::string &entry : SplitPath(pythonPath)) {
         if (!entry.empty() && IsFile(entry + "/" + ModuleFile(module))) {
             return true;
@@ -83,7 +92,8 @@ bool PathHoldsModule(const std::string &pythonPath, const std::string &module) {
 
 // The file check answers the common case without starting an interpreter; python3 itself is asked only
 // when it fails, since the package may also sit in site-packages or behind a .pth file.
-bool UsersPythonPathWorks() {
+bool UsersPythonPathWorks()
+{
     const std::string pythonPath = Env("PYTHONPATH");
     if (PathHoldsModule(pythonPath, kInterfaceModule) && PathHoldsModule(pythonPath, kLogModule)) {
         return true;
@@ -92,12 +102,14 @@ bool UsersPythonPathWorks() {
     return RunShell("python3 -c " + ShellQuote(imports) + " >/dev/null 2>&1").exitCode == 0;
 }
 
-bool RunsFromBuildTree() {
+bool RunsFromBuildTree()
+{
     const std::string buildDir = RealPath(OVRA_KB_BINARY_DIR) + "/";
     return RealPath(ExecutablePath()).compare(0, buildDir.size(), buildDir) == 0;
 }
 
-std::vector<std::string> PackageDirCandidates() {
+std::vector<std::string> PackageDirCandidates()
+{
     std::vector<std::string> dirs;
     const std::string own = Env("OVRA_KB_PYTHON_DIR");
     if (!own.empty()) {
@@ -115,7 +127,8 @@ std::vector<std::string> PackageDirCandidates() {
 
 }  // namespace
 
-std::string DefaultBankDir() {
+std::string DefaultBankDir()
+{
     const std::string bank = Env("OVRA_KB_BANK");
     if (!bank.empty()) {
         return bank;
@@ -124,7 +137,8 @@ std::string DefaultBankDir() {
     return (dataHome.empty() ? HomeDir() + "/.local/share" : dataHome) + "/ovra-kb/bank";
 }
 
-void ConfigureLibraryLog(bool verbose) {
+void ConfigureLibraryLog(bool verbose)
+{
     if (verbose) {
         setenv("OVRA_LOG_LEVEL", "info", 1);
         setenv("OVRA_LOG_EVENT", "1", 1);
@@ -133,7 +147,8 @@ void ConfigureLibraryLog(bool verbose) {
     }
 }
 
-std::string FindOnPath(const std::string &name) {
+std::string FindOnPath(const std::string &name)
+{
     for (const std::string &dir : SplitPath(Env("PATH"))) {
         const std::string candidate = (dir.empty() ? std::string(".") : dir) + "/" + name;
         if (IsFile(candidate) && access(candidate.c_str(), X_OK) == 0) {
@@ -143,7 +158,8 @@ std::string FindOnPath(const std::string &name) {
     return "";
 }
 
-PythonPathChoice ChoosePythonPath() {
+PythonPathChoice ChoosePythonPath()
+{
     PythonPathChoice choice;
     choice.value = Env("PYTHONPATH");
     choice.usersOwn = UsersPythonPathWorks();
@@ -157,13 +173,15 @@ PythonPathChoice ChoosePythonPath() {
     return choice;
 }
 
-void ApplyPythonPath(const PythonPathChoice &choice) {
+void ApplyPythonPath(const PythonPathChoice &choice)
+{
     if (!choice.value.empty()) {
         setenv("PYTHONPATH", choice.value.c_str(), 1);
     }
 }
 
-bool IsDirectory(const std::string &path) {
+bool IsDirectory(const std::string &path)
+{
     struct stat info {};
     return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }

@@ -5,7 +5,8 @@
 namespace OvraCli {
 namespace {
 
-void AppendUtf8(std::string &out, unsigned long codePoint) {
+void AppendUtf8(std::string &out, unsigned long codePoint)
+{
     if (codePoint < 0x80) {
         out += static_cast<char>(codePoint);
     } else if (codePoint < 0x800) {
@@ -27,7 +28,8 @@ class Reader {
   public:
     explicit Reader(const std::string &text) : text_(text) {}
 
-    bool ReadObject(JsonObject &object) {
+    bool ReadObject(JsonObject &object)
+    {
         if (!Expect('{')) {
             return false;
         }
@@ -49,14 +51,16 @@ class Reader {
     const std::string &Error() const { return error_; }
 
   private:
-    char Peek() {
+    char Peek()
+    {
         while (pos_ < text_.size() && (text_[pos_] == ' ' || text_[pos_] == '\t' || text_[pos_] == '\r')) {
             ++pos_;
         }
         return pos_ < text_.size() ? text_[pos_] : '\0';
     }
 
-    bool Consume(char c) {
+    bool Consume(char c)
+    {
         if (Peek() != c) {
             return false;
         }
@@ -64,7 +68,8 @@ class Reader {
         return true;
     }
 
-    bool Fail(const std::string &what) {
+    bool Fail(const std::string &what)
+    {
         if (error_.empty()) {
             error_ = what + " at column " + std::to_string(pos_ + 1);
         }
@@ -75,14 +80,16 @@ class Reader {
 
     bool AtEnd() { return Peek() == '\0' || Fail("unexpected text after the object"); }
 
-    bool ReadValueString(const std::string &key, std::string &value) {
+    bool ReadValueString(const std::string &key, std::string &value)
+    {
         if (Peek() != '"') {
             return Fail("the value of \"" + key + "\" is not a string");
         }
         return ReadString(value);
     }
 
-    bool ReadString(std::string &out) {
+    bool ReadString(std::string &out)
+    {
         if (!Expect('"')) {
             return false;
         }
@@ -103,7 +110,8 @@ class Reader {
         return Fail("unterminated string");
     }
 
-    bool ReadEscape(std::string &out) {
+    bool ReadEscape(std::string &out)
+    {
         const char c = pos_ < text_.size() ? text_[pos_++] : '\0';
         const std::string simple = "\"\\/bfnrt";
         const std::string meaning = "\"\\/\b\f\n\r\t";
@@ -130,7 +138,8 @@ class Reader {
     }
 
     // Characters beyond the first plane come as two escapes; `codePoint` holds the first on entry.
-    bool ReadLowSurrogate(unsigned long &codePoint) {
+    bool ReadLowSurrogate(unsigned long &codePoint)
+    {
         unsigned long low = 0;
         if (text_.compare(pos_, 2, "\\u") != 0) {
             return Fail("unpaired surrogate");
@@ -146,7 +155,8 @@ class Reader {
         return true;
     }
 
-    bool ReadHex4(unsigned long &value) {
+    bool ReadHex4(unsigned long &value)
+    {
         if (pos_ + 4 > text_.size()) {
             return Fail("short \\u escape");
         }
@@ -169,7 +179,8 @@ class Reader {
 
 }  // namespace
 
-std::string JsonString(const std::string &text) {
+std::string JsonString(const std::string &text)
+{
     std::string out = "\"";
     for (char c : text) {
         switch (c) {
@@ -201,7 +212,8 @@ std::string JsonString(const std::string &text) {
     return out + "\"";
 }
 
-std::string FormatJsonObject(const JsonObject &object) {
+std::string FormatJsonObject(const JsonObject &object)
+{
     std::string out = "{";
     for (const auto &entry : object) {
         out += (out.size() > 1 ? ", " : "") + JsonString(entry.first) + ": " + JsonString(entry.second);
@@ -209,7 +221,8 @@ std::string FormatJsonObject(const JsonObject &object) {
     return out + "}";
 }
 
-bool ParseJsonObject(const std::string &text, JsonObject &object, std::string &error) {
+bool ParseJsonObject(const std::string &text, JsonObject &object, std::string &error)
+{
     Reader reader(text);
     if (reader.ReadObject(object)) {
         return true;

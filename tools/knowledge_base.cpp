@@ -44,7 +44,8 @@ const CodeHint kCodeHints[] = {
 
 const StatusText kUnknownStatus = {0, "the library failed", "try again with --verbose"};
 
-const StatusText &TextOf(std::uint32_t status) {
+const StatusText &TextOf(std::uint32_t status)
+{
     for (const StatusText &text : kStatusTexts) {
         if (text.status == status) {
             return text;
@@ -53,7 +54,8 @@ const StatusText &TextOf(std::uint32_t status) {
     return kUnknownStatus;
 }
 
-const char *CodeHintOf(const std::string &code) {
+const char *CodeHintOf(const std::string &code)
+{
     for (const CodeHint &hint : kCodeHints) {
         if (code == hint.code) {
             return hint.hint;
@@ -62,7 +64,8 @@ const char *CodeHintOf(const std::string &code) {
     return nullptr;
 }
 
-std::string Flattened(std::string text) {
+std::string Flattened(std::string text)
+{
     for (char &c : text) {
         c = c == '\n' || c == '\r' || c == '\t' ? ' ' : c;
     }
@@ -70,7 +73,8 @@ std::string Flattened(std::string text) {
     return text.substr(0, end == std::string::npos ? 0 : end + 1);
 }
 
-std::string ReportText(const ErrorManager::Report &report) {
+std::string ReportText(const ErrorManager::Report &report)
+{
     for (const char *key : {"message", "result"}) {
         const auto found = report.args.find(key);
         if (found != report.args.end() && !found->second.empty()) {
@@ -80,7 +84,8 @@ std::string ReportText(const ErrorManager::Report &report) {
     return "";
 }
 
-std::string WhatWentWrong(const CallOutcome &outcome, const std::string &opType, bool adviceReplaced) {
+std::string WhatWentWrong(const CallOutcome &outcome, const std::string &opType, bool adviceReplaced)
+{
     if (outcome.hasReport) {
         const std::string text = ReportText(outcome.report);
         return adviceReplaced ? text.substr(0, text.find("; ")) : text;
@@ -94,7 +99,8 @@ std::string WhatWentWrong(const CallOutcome &outcome, const std::string &opType,
     return "";
 }
 
-std::string FailureLine(const CallOutcome &outcome, const std::string &opType, const std::string &where) {
+std::string FailureLine(const CallOutcome &outcome, const std::string &opType, const std::string &where)
+{
     const StatusText &text = TextOf(outcome.status);
     const std::string code = outcome.hasReport ? outcome.report.errCode : "";
     const char *codeHint = CodeHintOf(code);
@@ -107,7 +113,8 @@ std::string FailureLine(const CallOutcome &outcome, const std::string &opType, c
 }
 
 template <typename Call>
-CallOutcome Run(Call &&call) {
+CallOutcome Run(Call &&call)
+{
     const std::size_t reportsBefore = ErrorManager::GetInstance().GetReports().size();
     CallOutcome outcome;
     outcome.status = call();
@@ -119,23 +126,27 @@ CallOutcome Run(Call &&call) {
     return outcome;
 }
 
-OvraKb::StrMap OpConfig(const std::string &opType) {
+OvraKb::StrMap OpConfig(const std::string &opType)
+{
     return opType.empty() ? OvraKb::StrMap{} : OvraKb::StrMap{{"op_type", opType}};
 }
 
 }  // namespace
 
-int ReportFailure(const CallOutcome &outcome, const std::string &opType, const std::string &where) {
+int ReportFailure(const CallOutcome &outcome, const std::string &opType, const std::string &where)
+{
     std::fflush(stdout);  // what the command printed before comes before the failure on a shared terminal
     std::fprintf(stderr, "%s\n", FailureLine(outcome, opType, where).c_str());
     return static_cast<int>(outcome.status);
 }
 
-KbSession::~KbSession() {
+KbSession::~KbSession()
+{
     Close();
 }
 
-CallOutcome KbSession::Open() {
+CallOutcome KbSession::Open()
+{
     // Without python3 the library answers the same status, but only after its shell complained on stderr.
     if (FindOnPath("python3").empty()) {
         CallOutcome noPython;
@@ -155,7 +166,8 @@ CallOutcome KbSession::Open() {
     return outcome;
 }
 
-CallOutcome KbSession::Close() {
+CallOutcome KbSession::Close()
+{
     if (!pythonUp_) {
         return CallOutcome{};
     }
@@ -166,17 +178,20 @@ CallOutcome KbSession::Close() {
 }
 
 CallOutcome KbSession::Write(const std::string &keyword, const std::string &knowledge, const std::string &opType,
-                             bool durable) {
+                             bool durable)
+{
     return Run([&] { return OvraKbWrite(keyword, knowledge, OpConfig(opType), durable); });
 }
 
-CallOutcome KbSession::Delete(const std::string &keyword, const std::string &opType) {
+CallOutcome KbSession::Delete(const std::string &keyword, const std::string &opType)
+{
     const bool durable = true;
     return Run([&] { return OvraKbDelete(keyword, OpConfig(opType), durable); });
 }
 
 CallOutcome KbSession::Search(const std::string &keyword, const std::string &opType, const std::string &searchType,
-                              std::vector<OvraKb::StrMap> &rows) {
+                              std::vector<OvraKb::StrMap> &rows)
+{
     OvraKb::StrMap config = OpConfig(opType);
     config["search_type"] = searchType;
     return Run([&] { return OvraKbSearch(keyword, config, rows); });

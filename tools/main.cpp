@@ -10,7 +10,8 @@
 
 namespace {
 
-int Dispatch(const OvraCli::Options &options) {
+int Dispatch(const OvraCli::Options &options)
+{
     switch (options.command) {
         case OvraCli::Command::kWrite:
             return OvraCli::RunWrite(options);
@@ -34,7 +35,8 @@ int Dispatch(const OvraCli::Options &options) {
 
 }  // namespace
 
-int main(int argc, char **argv) {
+int main(int argc, char **argv)
+{
     const OvraCli::ParsedCommandLine parsed =
         OvraCli::ParseCommandLine(std::vector<std::string>(argv + 1, argv + argc));
     const OvraCli::Options &options = parsed.options;

@@ -80,7 +80,8 @@ const char kExitStatuses[] =
     "refused the call; 1 doctor found a problem; 64 usage error; 65 malformed import file;\n"
     "66 import file unreadable; 73 export file not writable.\n";
 
-const CommandSpec *FindCommand(const std::string &name) {
+const CommandSpec *FindCommand(const std::string &name)
+{
     for (const CommandSpec &spec : kCommands) {
         if (name == spec.name) {
             return &spec;
@@ -89,7 +90,8 @@ const CommandSpec *FindCommand(const std::string &name) {
     return nullptr;
 }
 
-const CommandSpec *SpecOf(Command command) {
+const CommandSpec *SpecOf(Command command)
+{
     for (const CommandSpec &spec : kCommands) {
         if (spec.command == command) {
             return &spec;
@@ -98,7 +100,8 @@ const CommandSpec *SpecOf(Command command) {
     return nullptr;
 }
 
-std::string *ValueField(const std::string &name, Options &options) {
+std::string *ValueField(const std::string &name, Options &options)
+{
     if (name == "--bank") {
         return &options.bank;
     }
@@ -118,7 +121,8 @@ std::string *ValueField(const std::string &name, Options &options) {
     return nullptr;
 }
 
-bool *FlagField(const std::string &name, Options &options) {
+bool *FlagField(const std::string &name, Options &options)
+{
     if (name == "--help" || name == "-h") {
         return &options.help;
     }
@@ -138,7 +142,8 @@ class Parser {
   public:
     explicit Parser(const std::vector<std::string> &args) : args_(args) {}
 
-    ParsedCommandLine Parse() {
+    ParsedCommandLine Parse()
+    {
         for (next_ = 0; next_ < args_.size() && result_.usageError.empty();) {
             const std::string &arg = args_[next_++];
             if (operandsOnly_ || arg.size() < 2 || arg[0] != '-') {
@@ -156,7 +161,8 @@ class Parser {
     }
 
   private:
-    void TakeOperand(const std::string &arg) {
+    void TakeOperand(const std::string &arg)
+    {
         Options &options = result_.options;
         if (options.command != Command::kNone) {
             options.operands.push_back(arg);
@@ -174,7 +180,8 @@ class Parser {
         options.command = spec->command;
     }
 
-    void TakeOption(const std::string &arg) {
+    void TakeOption(const std::string &arg)
+    {
         const std::size_t equals = arg.find('=');
         const std::string name = arg.substr(0, equals);
         Options &options = result_.options;
@@ -200,7 +207,8 @@ class Parser {
         }
     }
 
-    void CheckAgainstCommand() {
+    void CheckAgainstCommand()
+    {
         const Options &options = result_.options;
         if (options.help || options.version) {
             return;
@@ -226,7 +234,8 @@ class Parser {
     ParsedCommandLine result_;
 };
 
-std::string CommandList() {
+std::string CommandList()
+{
     std::string text = "Commands:\n";
     for (const CommandSpec &spec : kCommands) {
         text += "  ovra-kb " + std::string(spec.synopsis) + "\n";
@@ -237,11 +246,13 @@ std::string CommandList() {
 
 }  // namespace
 
-ParsedCommandLine ParseCommandLine(const std::vector<std::string> &args) {
+ParsedCommandLine ParseCommandLine(const std::vector<std::string> &args)
+{
     return Parser(args).Parse();
 }
 
-std::string UsageLine(Command command) {
+std::string UsageLine(Command command)
+{
     const CommandSpec *spec = SpecOf(command);
     if (spec == nullptr) {
         return "usage: ovra-kb COMMAND [ARGS] [options] (commands: write, search, delete, import, export, demo, "
@@ -250,7 +261,8 @@ std::string UsageLine(Command command) {
     return "usage: ovra-kb " + std::string(spec->synopsis);
 }
 
-std::string HelpText(Command command) {
+std::string HelpText(Command command)
+{
     const CommandSpec *spec = SpecOf(command);
     if (spec == nullptr) {
         return "ovra-kb: write, search and manage the records of an operator knowledge bank.\n\n" + CommandList() +

@@ -17,24 +17,28 @@ const std::size_t kGap = 2;
 // Knowledge keeps at least this many columns however wide the other two are.
 const std::size_t kMinKnowledgeWidth = 10;
 
-bool IsContinuationByte(char c) {
+bool IsContinuationByte(char c)
+{
     return (static_cast<unsigned char>(c) & 0xC0) == 0x80;
 }
 
 // Counted in code points: every character is taken to fill one column.
-std::size_t DisplayWidth(const std::string &text) {
+std::size_t DisplayWidth(const std::string &text)
+{
     return static_cast<std::size_t>(
         std::count_if(text.begin(), text.end(), [](char c) { return !IsContinuationByte(c); }));
 }
 
 // Line breaks and tabs would tear the table apart; they show as blanks (--json keeps them).
-std::string OneLine(std::string text) {
+std::string OneLine(std::string text)
+{
     std::replace_if(
         text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20; }, ' ');
     return text;
 }
 
-std::string CutToWidth(const std::string &text, std::size_t width) {
+std::string CutToWidth(const std::string &text, std::size_t width)
+{
     if (DisplayWidth(text) <= width) {
         return text;
     }
@@ -50,17 +54,20 @@ std::string CutToWidth(const std::string &text, std::size_t width) {
     return text.substr(0, end) + kEllipsis;
 }
 
-std::string PadToWidth(const std::string &text, std::size_t width) {
+std::string PadToWidth(const std::string &text, std::size_t width)
+{
     const std::size_t used = DisplayWidth(text);
     return text + std::string(used < width ? width - used : 0, ' ');
 }
 
-std::string Cell(const OvraKb::StrMap &row, const char *column) {
+std::string Cell(const OvraKb::StrMap &row, const char *column)
+{
     const auto found = row.find(column);
     return found == row.end() ? "" : OneLine(found->second);
 }
 
-std::size_t ColumnWidth(const std::vector<OvraKb::StrMap> &rows, const char *column) {
+std::size_t ColumnWidth(const std::vector<OvraKb::StrMap> &rows, const char *column)
+{
     std::size_t width = DisplayWidth(column);
     for (const OvraKb::StrMap &row : rows) {
         width = std::max(width, DisplayWidth(Cell(row, column)));
@@ -69,7 +76,8 @@ std::size_t ColumnWidth(const std::vector<OvraKb::StrMap> &rows, const char *col
 }
 
 std::string TableLine(const std::string &keyword, const std::string &opType, const std::string &knowledge,
-                      std::size_t keywordWidth, std::size_t opTypeWidth, std::size_t knowledgeWidth) {
+                      std::size_t keywordWidth, std::size_t opTypeWidth, std::size_t knowledgeWidth)
+{
     const std::string shown = knowledgeWidth == 0 ? knowledge : CutToWidth(knowledge, knowledgeWidth);
     const std::string gap(kGap, ' ');
     return PadToWidth(keyword, keywordWidth) + gap + PadToWidth(opType, opTypeWidth) + gap + shown + "\n";
@@ -77,7 +85,8 @@ std::string TableLine(const std::string &keyword, const std::string &opType, con
 
 }  // namespace
 
-std::size_t OutputWidth() {
+std::size_t OutputWidth()
+{
     const char *columns = getenv("COLUMNS");
     if (columns != nullptr && std::atoi(columns) > 0) {
         return static_cast<std::size_t>(std::atoi(columns));
@@ -89,7 +98,8 @@ std::size_t OutputWidth() {
     return 0;
 }
 
-std::string FormatTable(const std::vector<OvraKb::StrMap> &rows, std::size_t width) {
+std::string FormatTable(const std::vector<OvraKb::StrMap> &rows, std::size_t width)
+{
     const std::size_t keywordWidth = ColumnWidth(rows, kColumns[0]);
     const std::size_t opTypeWidth = ColumnWidth(rows, kColumns[1]);
     const std::size_t used = keywordWidth + opTypeWidth + 2 * kGap;
@@ -102,7 +112,8 @@ std::string FormatTable(const std::vector<OvraKb::StrMap> &rows, std::size_t wid
     return table;
 }
 
-std::string FormatJsonArray(const std::vector<OvraKb::StrMap> &rows) {
+std::string FormatJsonArray(const std::vector<OvraKb::StrMap> &rows)
+{
     std::string out = "[";
     for (std::size_t i = 0; i < rows.size(); ++i) {
         out += (i == 0 ? "\n  " : ",\n  ") + FormatJsonObject(rows[i]);

@@ -6,7 +6,8 @@
 
 namespace OvraCli {
 
-ShellResult RunShell(const std::string &command) {
+ShellResult RunShell(const std::string &command)
+{
     ShellResult result;
     FILE *pipe = popen(command.c_str(), "r");
     if (pipe == nullptr) {
@@ -23,7 +24,8 @@ ShellResult RunShell(const std::string &command) {
     return result;
 }
 
-std::string ShellQuote(const std::string &text) {
+std::string ShellQuote(const std::string &text)
+{
     std::string quoted = "'";
     for (char c : text) {
         quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
@@ -31,19 +33,22 @@ std::string ShellQuote(const std::string &text) {
     return quoted + "'";
 }
 
-std::string TrimRight(std::string text) {
+std::string TrimRight(std::string text)
+{
     const std::size_t end = text.find_last_not_of(" \t\r\n");
     text.erase(end == std::string::npos ? 0 : end + 1);
     return text;
 }
 
-std::string LastLine(const std::string &text) {
+std::string LastLine(const std::string &text)
+{
     const std::string trimmed = TrimRight(text);
     const std::size_t newline = trimmed.rfind('\n');
     return newline == std::string::npos ? trimmed : trimmed.substr(newline + 1);
 }
 
-std::string Join(const std::vector<std::string> &items, const std::string &separator) {
+std::string Join(const std::vector<std::string> &items, const std::string &separator)
+{
     std::string text;
     for (std::size_t i = 0; i < items.size(); ++i) {
         text += (i == 0 ? "" : separator) + items[i];

@@ -90,8 +90,8 @@ std::uint32_t OvraKbSearch(const std::string &keyword, const OvraKb::StrMap &sea
  * Returns 0; 2 for a missing "op_type"; 4; 5; or 6 when the module is missing, raised, or
  * answered anything but the integer 0.
  */
-std::uint32_t OvraKbWrite(const std::string &keyword, const std::string &knowledge, const OvraKb::StrMap &writeConfigMap,
-                          const bool &flag);
+std::uint32_t OvraKbWrite(const std::string &keyword, const std::string &knowledge,
+                          const OvraKb::StrMap &writeConfigMap, const bool &flag);
 
 /*
  * Deletes one record; parameters and statuses as for OvraKbWrite, without knowledge.

@@ -31,9 +31,10 @@ int ParseThreshold(const char *text)
     static const struct {
         const char *name;
         int level;
-    } names[] = {{"debug", OVRA_LEVEL_DEBUG}, {"info", OVRA_LEVEL_INFO},   {"warning", OVRA_LEVEL_WARNING}, {"warn", OVRA_LEVEL_WARNING},
-                 {"error", OVRA_LEVEL_ERROR}, {"off", LEVEL_OFF},     {"none", LEVEL_OFF},        {"0", OVRA_LEVEL_DEBUG},
-                 {"1", OVRA_LEVEL_INFO},      {"2", OVRA_LEVEL_WARNING},   {"3", OVRA_LEVEL_ERROR},         {"4", LEVEL_OFF}};
+    } names[] = {{"debug", OVRA_LEVEL_DEBUG},  {"info", OVRA_LEVEL_INFO},   {"warning", OVRA_LEVEL_WARNING},
+                 {"warn", OVRA_LEVEL_WARNING}, {"error", OVRA_LEVEL_ERROR}, {"off", LEVEL_OFF},
+                 {"none", LEVEL_OFF},          {"0", OVRA_LEVEL_DEBUG},     {"1", OVRA_LEVEL_INFO},
+                 {"2", OVRA_LEVEL_WARNING},    {"3", OVRA_LEVEL_ERROR},     {"4", LEVEL_OFF}};
     for (const auto &entry : names) {
         if (strcasecmp(text, entry.name) == 0) {
             return entry.level;
@@ -44,8 +45,8 @@ int ParseThreshold(const char *text)
 
 bool ParseSwitch(const char *text)
 {
-    return text != nullptr && (strcmp(text, "1") == 0 || strcasecmp(text, "true") == 0 || strcasecmp(text, "yes") == 0 ||
-                               strcasecmp(text, "on") == 0);
+    return text != nullptr && (strcmp(text, "1") == 0 || strcasecmp(text, "true") == 0 ||
+                               strcasecmp(text, "yes") == 0 || strcasecmp(text, "on") == 0);
 }
 
 // Read once: the log threshold is a property of the process, and CheckLogLevel runs on hot paths.
@@ -117,8 +118,8 @@ std::string FormatV(const char *fmt, va_list args)
 // One write(2) per line, so that lines of concurrent threads and processes never interleave.
 void WriteLine(int level, const std::string &message)
 {
-    std::string line = "[" + std::string(LevelName(level)) + "] " + Timestamp() + " pid=" + std::to_string(getpid()) +
-                       " " + message;
+    std::string line =
+        "[" + std::string(LevelName(level)) + "] " + Timestamp() + " pid=" + std::to_string(getpid()) + " " + message;
     if (line.empty() || line.back() != '\n') {
         line += '\n';
     }

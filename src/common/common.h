@@ -21,12 +21,12 @@ constexpr int OVRA_KB_LOG_MODULE = 60;
 #endif
 
 // Writes one line through the platform log when the platform enables `level` for this library.
-#define OVRA_KB_LOG(level, fmt, ...)                                                                      \
-    do {                                                                                                  \
-        if (CheckLogLevel(::OvraKb::OVRA_KB_LOG_MODULE, (level)) == 1) {                                  \
-            DlogInner(::OvraKb::OVRA_KB_LOG_MODULE, (level), "[%s:%d][%s][Tid:%d]\"" fmt "\"\n",           \
-                      OVRA_KB_SOURCE_NAME, __LINE__, "OVRAKB", mmGetTid(), ##__VA_ARGS__);                \
-        }                                                                                                 \
+#define OVRA_KB_LOG(level, fmt, ...)                                                                                  \
+    do {                                                                                                              \
+        if (CheckLogLevel(::OvraKb::OVRA_KB_LOG_MODULE, (level)) == 1) {                                              \
+            DlogInner(::OvraKb::OVRA_KB_LOG_MODULE, (level), "[%s:%d][%s][Tid:%d]\"" fmt "\"\n", OVRA_KB_SOURCE_NAME, \
+                      __LINE__, "OVRAKB", mmGetTid(), ##__VA_ARGS__);                                                 \
+        }                                                                                                             \
     } while (0)
 
 #endif  // OVRA_KB_COMMON_COMMON_H

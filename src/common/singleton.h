@@ -7,7 +7,7 @@ namespace OvraKb {
 // destroyed at process exit. T makes its constructor private and befriends Singleton<T>.
 template <typename T>
 class Singleton {
-public:
+  public:
     static T &Instance()
     {
         static T instance;
@@ -17,7 +17,7 @@ public:
     Singleton(const Singleton &) = delete;
     Singleton &operator=(const Singleton &) = delete;
 
-protected:
+  protected:
     Singleton() = default;
     ~Singleton() = default;
 };

@@ -18,13 +18,13 @@ PyObject *KbModule()
 
 // Holds the interpreter lock for the life of the object, from any thread.
 class GilGuard {
-public:
+  public:
     GilGuard() : state_(PyApi().PyGILState_Ensure()) {}
     ~GilGuard() { PyApi().PyGILState_Release(state_); }
     GilGuard(const GilGuard &) = delete;
     GilGuard &operator=(const GilGuard &) = delete;
 
-private:
+  private:
     PyGILState_STATE state_;
 };
 
@@ -279,7 +279,8 @@ std::uint32_t OvraKbSearchReq(const std::string &keyword, const StrMap &searchCo
     if (module == nullptr) {
         taskHandle = PyObjectPtr();
     } else {
-        taskHandle = HoldReply(api.PyObject_CallMethod(module, "ovra_kb_search_async", "sO", keyword.c_str(), dict.get()));
+        taskHandle =
+            HoldReply(api.PyObject_CallMethod(module, "ovra_kb_search_async", "sO", keyword.c_str(), dict.get()));
     }
     if (taskHandle.get() == nullptr) {
         OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Failed to call ovra_kb_search_async, pyRes is nullptr.");

@@ -25,9 +25,9 @@ void AdoptThreadingMainThread()
 {
     HandleManager &api = PyApi();
     PyObjectPtr builtins(api.PyImport_ImportModule("builtins"));
-    PyObjectPtr result(builtins.get() == nullptr ? nullptr
-                                                 : api.PyObject_CallMethod(builtins.get(), "exec", "s{}",
-                                                                           ADOPT_THREADING_MAIN_THREAD));
+    PyObjectPtr result(builtins.get() == nullptr
+                           ? nullptr
+                           : api.PyObject_CallMethod(builtins.get(), "exec", "s{}", ADOPT_THREADING_MAIN_THREAD));
     if (result.get() == nullptr) {
         api.PyErr_Print();
     }

@@ -13,7 +13,7 @@ namespace OvraKb {
 
 // Brings the Python side up for the first user and down after the last one.
 class OvraKbPyfuncMgr : public Singleton<OvraKbPyfuncMgr> {
-public:
+  public:
     virtual ~OvraKbPyfuncMgr() = default;
 
     bool PyObjectInit();
@@ -33,7 +33,7 @@ public:
     // Serialises start-up and tear-down; the outermost lock of the library.
     static std::mutex gInitPyFuncMtx_;
 
-private:
+  private:
     friend class Singleton<OvraKbPyfuncMgr>;
     OvraKbPyfuncMgr();
 

@@ -245,8 +245,8 @@ void UploadPyException(const PyObjectPtr &exc, StrMap &details)
         return;
     }
     // The returned dictionary is kept alive on purpose.
-    PyObject *dict = api.PyObject_CallFunction(g_pyUploadExceptionFunc, "OOO", OrNone(exc.type()),
-                                               OrNone(exc.value()), OrNone(exc.traceback()));
+    PyObject *dict = api.PyObject_CallFunction(g_pyUploadExceptionFunc, "OOO", OrNone(exc.type()), OrNone(exc.value()),
+                                               OrNone(exc.traceback()));
     if (dict == nullptr) {
         api.PyErr_Print();
         return;

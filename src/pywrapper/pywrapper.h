@@ -20,7 +20,7 @@ void PyObjectDecRecovery(std::vector<PyObject *> &objs, PyObject *&extra);
 // Holds one owned reference (dropped by the last copy) and, after a failed call, the
 // exception triple, which it does not own.
 class PyObjectPtr {
-public:
+  public:
     PyObjectPtr() : obj_(nullptr, PyObjectDecRef) {}
     // Takes over the one reference of `obj`.
     explicit PyObjectPtr(PyObject *obj) : obj_(obj, PyObjectDecRef) {}
@@ -36,7 +36,7 @@ public:
     // Drops the held reference; the exception members stay as they are.
     void ResetObject() { obj_ = std::shared_ptr<PyObject>(nullptr, PyObjectDecRef); }
 
-private:
+  private:
     std::shared_ptr<PyObject> obj_;
     PyObject *type_ = nullptr;
     PyObject *value_ = nullptr;

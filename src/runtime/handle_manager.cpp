@@ -13,7 +13,8 @@ constexpr size_t CONFIG_LINE_BUFFER_SIZE = 1024;
 
 const char *const PYTHON_LIB_NAME_CMD =
     "python3 -c \"import sysconfig; print(sysconfig.get_config_var(\\\"LDLIBRARY\\\"))\"";
-const char *const PYTHON_LIB_DIR_CMD = "python3 -c \"import sysconfig; print(sysconfig.get_config_var(\\\"LIBDIR\\\"))\"";
+const char *const PYTHON_LIB_DIR_CMD =
+    "python3 -c \"import sysconfig; print(sysconfig.get_config_var(\\\"LIBDIR\\\"))\"";
 
 // dlerror() is read only for a line that will be written, so that an unread error stays for a later caller.
 const char *DlErrorText()
@@ -128,12 +129,12 @@ bool HandleManager::InitOvraKbFuncs()
     std::lock_guard<std::mutex> lock(handleMtx_);
     // A null handle makes dlsym search the global scope: that is how a host's own runtime is bound.
     void *handle = dlHandle_;
-#define OVRA_KB_BIND_API_ENTRY(symbol, failureName, Type)                                                 \
-    symbol = reinterpret_cast<std::add_pointer_t<Type>>(dlsym(handle, #symbol));                                           \
-    if (symbol == nullptr) {                                                                              \
+#define OVRA_KB_BIND_API_ENTRY(symbol, failureName, Type)                                                       \
+    symbol = reinterpret_cast<std::add_pointer_t<Type>>(dlsym(handle, #symbol));                                \
+    if (symbol == nullptr) {                                                                                    \
         OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Failed to run dlsym function for " failureName ", error message: [%s].", \
-                    DlErrorText());                                                                       \
-        return false;                                                                                     \
+                    DlErrorText());                                                                             \
+        return false;                                                                                           \
     }
     OVRA_KB_PYTHON_API(OVRA_KB_BIND_API_ENTRY)
 #undef OVRA_KB_BIND_API_ENTRY

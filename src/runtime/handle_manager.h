@@ -17,7 +17,7 @@ std::string GetPythonLibName();
 
 // Owns the Python runtime's shared library for the process and the table of its C-API entry points.
 class HandleManager : public Singleton<HandleManager> {
-public:
+  public:
     // The Python API table: one typed pointer per entry, named after the C-API symbol it holds.
 #define OVRA_KB_DECLARE_API_ENTRY(symbol, failureName, Type) std::add_pointer_t<Type> symbol = nullptr;
     OVRA_KB_PYTHON_API(OVRA_KB_DECLARE_API_ENTRY)
@@ -29,11 +29,20 @@ public:
     bool HandleClose();
     bool InitOvraKbFuncs();
 
-    bool IsLoaded() const { return isLoaded_; }
-    bool IsInited() const { return isInited_; }
-    void *DlHandle() const { return dlHandle_; }
+    bool IsLoaded() const
+    {
+        return isLoaded_;
+    }
+    bool IsInited() const
+    {
+        return isInited_;
+    }
+    void *DlHandle() const
+    {
+        return dlHandle_;
+    }
 
-private:
+  private:
     friend class Singleton<HandleManager>;
     HandleManager() = default;
 

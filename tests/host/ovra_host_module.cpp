@@ -50,15 +50,19 @@ PyObject *Init(PyObject *, PyObject *args)
         return nullptr;
     }
     std::uint32_t status = 0;
-    Py_BEGIN_ALLOW_THREADS status = OvraKbInit(sysConfig, loadConfig);
-    Py_END_ALLOW_THREADS return PyLong_FromUnsignedLong(status);
+    Py_BEGIN_ALLOW_THREADS
+    status = OvraKbInit(sysConfig, loadConfig);
+    Py_END_ALLOW_THREADS
+    return PyLong_FromUnsignedLong(status);
 }
 
 PyObject *Finalize(PyObject *, PyObject *)
 {
     std::uint32_t status = 0;
-    Py_BEGIN_ALLOW_THREADS status = OvraKbFinalize();
-    Py_END_ALLOW_THREADS return PyLong_FromUnsignedLong(status);
+    Py_BEGIN_ALLOW_THREADS
+    status = OvraKbFinalize();
+    Py_END_ALLOW_THREADS
+    return PyLong_FromUnsignedLong(status);
 }
 
 PyObject *Write(PyObject *, PyObject *args)
@@ -76,8 +80,10 @@ PyObject *Write(PyObject *, PyObject *args)
     const std::string text = knowledge;
     const bool durable = flag != 0;
     std::uint32_t status = 0;
-    Py_BEGIN_ALLOW_THREADS status = OvraKbWrite(key, text, config, durable);
-    Py_END_ALLOW_THREADS return PyLong_FromUnsignedLong(status);
+    Py_BEGIN_ALLOW_THREADS
+    status = OvraKbWrite(key, text, config, durable);
+    Py_END_ALLOW_THREADS
+    return PyLong_FromUnsignedLong(status);
 }
 
 PyObject *Delete(PyObject *, PyObject *args)
@@ -92,8 +98,10 @@ PyObject *Delete(PyObject *, PyObject *args)
     const std::string key = keyword;
     const bool durable = flag != 0;
     std::uint32_t status = 0;
-    Py_BEGIN_ALLOW_THREADS status = OvraKbDelete(key, config, durable);
-    Py_END_ALLOW_THREADS return PyLong_FromUnsignedLong(status);
+    Py_BEGIN_ALLOW_THREADS
+    status = OvraKbDelete(key, config, durable);
+    Py_END_ALLOW_THREADS
+    return PyLong_FromUnsignedLong(status);
 }
 
 // search(keyword, config) -> (status, [row, ...])
@@ -108,8 +116,10 @@ PyObject *Search(PyObject *, PyObject *args)
     const std::string key = keyword;
     std::vector<OvraKb::StrMap> rows;
     std::uint32_t status = 0;
-    Py_BEGIN_ALLOW_THREADS status = OvraKbSearch(key, config, rows);
-    Py_END_ALLOW_THREADS PyObject *list = PyList_New(0);
+    Py_BEGIN_ALLOW_THREADS
+    status = OvraKbSearch(key, config, rows);
+    Py_END_ALLOW_THREADS
+    PyObject *list = PyList_New(0);
     for (const OvraKb::StrMap &row : rows) {
         PyObject *dict = FromStrMap(row);
         PyList_Append(list, dict);
@@ -140,9 +150,15 @@ PyMethodDef g_methods[] = {
     {nullptr, nullptr, 0, nullptr},
 };
 
-PyModuleDef g_module = {PyModuleDef_HEAD_INIT, "ovra_host", "libovra_kb for tests in a Python host",
-                        -1,                    g_methods,   nullptr,
-                        nullptr,               nullptr,     nullptr};
+PyModuleDef g_module = {PyModuleDef_HEAD_INIT,
+                        "ovra_host",
+                        "libovra_kb for tests in a Python host",
+                        -1,
+                        g_methods,
+                        nullptr,
+                        nullptr,
+                        nullptr,
+                        nullptr};
 
 }  // namespace
 

@@ -22,7 +22,7 @@ struct LogLine {
 };
 
 class LogCapture {
-public:
+  public:
     static void Clear();
     static std::vector<LogLine> Lines();
     // Messages of one level, in order.

@@ -141,7 +141,8 @@ std::string TestPythonVersionText()
 
 int TestPythonVersion()
 {
-    std::string text = FirstLineOf("'" + TestPython() + "' -c 'import sys; print(sys.version_info[0] * 100 + sys.version_info[1])'");
+    std::string text =
+        FirstLineOf("'" + TestPython() + "' -c 'import sys; print(sys.version_info[0] * 100 + sys.version_info[1])'");
     return text.empty() ? 0 : std::stoi(text);
 }
 

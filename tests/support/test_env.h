@@ -28,7 +28,7 @@ std::string FixturesBinaryDir();
 
 // A fresh directory, removed with its contents when the object goes.
 class TempDir {
-public:
+  public:
     TempDir();
     ~TempDir();
     TempDir(const TempDir &) = delete;
@@ -36,7 +36,7 @@ public:
     const std::string &Path() const { return path_; }
     std::string File(const std::string &name) const { return path_ + "/" + name; }
 
-private:
+  private:
     std::string path_;
 };
 
@@ -68,7 +68,7 @@ struct RecordedCall {
 };
 
 class Scripted {
-public:
+  public:
     explicit Scripted(const TempDir &dir);
     // Replaces the script: a JSON object from function name to a list of Python expressions.
     void SetScript(const std::string &json) const;
@@ -79,7 +79,7 @@ public:
     std::vector<std::string> Notes() const;
     void ClearRecord() const;
 
-private:
+  private:
     std::string script_;
     std::string record_;
 };

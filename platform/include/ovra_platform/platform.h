@@ -44,7 +44,7 @@ int mmGetTid(void);
 }  // extern "C"
 
 class ErrorManager {
-public:
+  public:
     static ErrorManager &GetInstance();
 
     /* Reports one error: a code and its details. Answers 0, or -1 on failure. */
@@ -62,7 +62,7 @@ public:
     ErrorManager(const ErrorManager &) = delete;
     ErrorManager &operator=(const ErrorManager &) = delete;
 
-private:
+  private:
     ErrorManager() = default;
 };
 
