@@ -36,20 +36,29 @@ namespace {
 const char *const kSoc = "Ascend910B";
 const char *const kCores = "32";
 
-std::string Escape(const std::string &text) {
+std::string Escape(const std::string &text)
+{
     std::string out;
     for (char c : text) {
         switch (c) {
-            case '\\': out += "\\\\"; break;
-            case '\t': out += "\\t"; break;
-            case '\n': out += "\\n"; break;
-            default: out += c;
+            case '\\':
+                out += "\\\\";
+                break;
+            case '\t':
+                out += "\\t";
+                break;
+            case '\n':
+                out += "\\n";
+                break;
+            default:
+                out += c;
         }
     }
     return out;
 }
 
-std::string Unescape(const std::string &text) {
+std::string Unescape(const std::string &text)
+{
     std::string out;
     for (std::size_t i = 0; i < text.size(); ++i) {
         if (text[i] == '\\' && i + 1 < text.size()) {
@@ -62,7 +71,8 @@ std::string Unescape(const std::string &text) {
     return out;
 }
 
-std::vector<std::string> Fields(const std::string &line) {
+std::vector<std::string> Fields(const std::string &line)
+{
     std::vector<std::string> fields;
     std::size_t start = 0;
     while (true) {
@@ -81,13 +91,15 @@ struct Outcome {
     std::string code;
     std::string message;
 
-    std::string Line() const {
+    std::string Line() const
+    {
         return "status\t" + std::to_string(status) + "\t" + Escape(code) + "\t" + Escape(message);
     }
 };
 
 template <typename Call>
-Outcome Run(Call &&call) {
+Outcome Run(Call &&call)
+{
     const std::size_t before = ErrorManager::GetInstance().GetReports().size();
     Outcome outcome;
     outcome.status = call();
@@ -100,18 +112,21 @@ Outcome Run(Call &&call) {
     return outcome;
 }
 
-Outcome Init(const std::string &soc, const std::string &cores, const std::string &bank) {
+Outcome Init(const std::string &soc, const std::string &cores, const std::string &bank)
+{
     const OvraKb::StrMap sys = {{"soc_version", soc}, {"core_num", cores}};
     const OvraKb::StrMap load = {{"op_bank_path", bank}};
     return Run([&] { return OvraKbInit(sys, load); });
 }
 
-Outcome Write(const std::string &op, const std::string &key, const std::string &knowledge, bool flag) {
+Outcome Write(const std::string &op, const std::string &key, const std::string &knowledge, bool flag)
+{
     const OvraKb::StrMap config = {{"op_type", op}};
     return Run([&] { return OvraKbWrite(key, knowledge, config, flag); });
 }
 
-int Session() {
+int Session()
+{
     std::string line;
     while (std::getline(std::cin, line)) {
         const std::vector<std::string> f = Fields(line);
@@ -158,7 +173,8 @@ struct WriterOptions {
     bool waitGo = false;
 };
 
-bool ParseWriter(int argc, char **argv, WriterOptions &o) {
+bool ParseWriter(int argc, char **argv, WriterOptions &o)
+{
     for (int i = 2; i < argc; ++i) {
         const std::string name = argv[i];
         if (name == "--wait-go") {
@@ -169,20 +185,30 @@ bool ParseWriter(int argc, char **argv, WriterOptions &o) {
             return false;
         }
         const std::string value = argv[++i];
-        if (name == "--bank") o.bank = value;
-        else if (name == "--id") o.id = value;
-        else if (name == "--log") o.log = value;
-        else if (name == "--stop-file") o.stopFile = value;
-        else if (name == "--count") o.count = std::atol(value.c_str());
-        else if (name == "--shared") o.shared = std::atol(value.c_str());
-        else if (name == "--durable-every") o.durableEvery = std::atol(value.c_str());
-        else if (name == "--pause-us") o.pauseUs = std::atol(value.c_str());
-        else return false;
+        if (name == "--bank")
+            o.bank = value;
+        else if (name == "--id")
+            o.id = value;
+        else if (name == "--log")
+            o.log = value;
+        else if (name == "--stop-file")
+            o.stopFile = value;
+        else if (name == "--count")
+            o.count = std::atol(value.c_str());
+        else if (name == "--shared")
+            o.shared = std::atol(value.c_str());
+        else if (name == "--durable-every")
+            o.durableEvery = std::atol(value.c_str());
+        else if (name == "--pause-us")
+            o.pauseUs = std::atol(value.c_str());
+        else
+            return false;
     }
     return !o.bank.empty() && !o.id.empty() && o.count > 0;
 }
 
-int Writer(const WriterOptions &o) {
+int Writer(const WriterOptions &o)
+{
     FILE *log = o.log.empty() ? stdout : std::fopen(o.log.c_str(), "w");
     if (log == nullptr) {
         std::perror("kb_driver: cannot open the log");
@@ -233,7 +259,8 @@ int Writer(const WriterOptions &o) {
 
 }  // namespace
 
-int main(int argc, char **argv) {
+int main(int argc, char **argv)
+{
     const std::string mode = argc > 1 ? argv[1] : "";
     if (mode == "session" && argc == 2) {
         return Session();

@@ -52,6 +52,9 @@ CONNECT_DEFAULTS = (
     ("keepalives_interval", "10"),
     ("keepalives_count", "3"),
 )
+# Given too when libpq is new enough (12): how long sent data may stay
+# unacknowledged before the connection counts as broken, in milliseconds.
+TCP_USER_TIMEOUT_MS = "60000"
 
 # Key of the advisory lock held while the schema is created or migrated.
 SCHEMA_LOCK_KEY = 0x6F7672615F6B62  # "ovra_kb"
@@ -324,6 +327,8 @@ class PostgresBackend(KnowledgeBackend):
         for name, value in CONNECT_DEFAULTS:
             if name not in params:
                 args[name] = value
+        if "tcp_user_timeout" not in params and pg.pq.version() >= 120000:
+            args["tcp_user_timeout"] = TCP_USER_TIMEOUT_MS
         self._connect_args = args
 
     def _connect(self, first=False):
