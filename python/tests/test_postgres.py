@@ -440,6 +440,20 @@ class ConnectionTest(ServerTestCase):
         self.assertEqual([r["knowledge"] for r in search("k", "Add")], ["3"])
         self.assertEqual(interface.ovra_kb_finalize(), 0)
 
+    def test_a_connection_interrupted_mid_call_is_not_reused(self):
+        for error, kept in ((ValueError("checked before sending"), 1), (KeyboardInterrupt(), 0)):
+            with self.subTest(error=type(error).__name__):
+                backend = self.open()
+
+                def action(link, error=error):
+                    raise error
+
+                with self.assertRaises(type(error)):
+                    backend._run(action, "write")
+                self.assertEqual((len(backend._idle), backend._open_links), (kept, kept))
+                backend.write(SCOPE, "Op", "k", "fine", True)  # a fresh connection when needed
+                self.assertEqual(backend.exact(SCOPE, "Op", "k")[0]["knowledge"], "fine")
+
     def test_backends_ended_by_the_server_are_replaced(self):
         name = "ovra_kb_t_" + self.schema.name
         backend = self.open(pg_support.with_query(self.url, application_name=name))

@@ -526,8 +526,10 @@ class PostgresBackend(KnowledgeBackend):
                 if attempt == 2:
                     raise self._lost_error(self.target.scrub(_first_line(exc))) from None
                 continue
-            except BaseException:
-                self._release(link)
+            except BaseException as exc:
+                # An error of this package's own checks leaves the connection
+                # as it was; an interruption mid-statement may not.
+                self._release(link, keep=isinstance(exc, Exception))
                 raise
             self._release(link)
             return result
@@ -552,7 +554,8 @@ class PostgresBackend(KnowledgeBackend):
         elif isinstance(exc, pg.errors.ReadOnlySqlTransaction):
             advice = "point op_bank_path at the primary server, not a read-only standby"
         elif isinstance(exc, pg.errors.UndefinedTable):
-            advice = "the bank's tables were dropped while in use; call ovra_kb_init again to create them"
+            advice = ("the bank's tables were dropped while in use; finalise every user of the bank and "
+                      "initialise again to create them")
         else:
             advice = "check the server's log and free space, then retry"
         return errors.kb_error(
