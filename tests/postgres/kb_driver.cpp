@@ -17,6 +17,12 @@
 //         fail I KEY KNOWLEDGE FLAG STATUS CODE MESSAGE
 //       Failures do not stop the writer. It stops early once the stop file exists, then finalises and
 //       prints "done WRITES FAILURES".
+//
+//   kb_driver threads BANK THREADS COUNT
+//       Initialises once, then THREADS native threads at once each write COUNT records "t<T>-<i>" (every
+//       tenth durable), read each back with an exact search, and finally read their own records with a prefix
+//       search. Prints one "mismatch ..." line per wrong answer, then "threads ROWS" with the number of rows
+//       an "all" search over op type "*" finds, and exits 0 only when every call succeeded and matched.
 #include <unistd.h>
 
 #include <cstdio>
@@ -25,7 +31,9 @@
 #include <ctime>
 #include <iostream>
 #include <map>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ovra_kb/ovra_kb_api.h"
@@ -257,6 +265,57 @@ int Writer(const WriterOptions &o)
     return closed.status == 0 ? 0 : 4;
 }
 
+int Threads(const std::string &bank, int threads, int count)
+{
+    const Outcome opened = Init(kSoc, kCores, bank);
+    if (opened.status != 0) {
+        std::printf("init failed\t%s\n", opened.Line().c_str());
+        return 3;
+    }
+    std::mutex outputLock;
+    int problems = 0;
+    auto report = [&](const std::string &what) {
+        std::lock_guard<std::mutex> hold(outputLock);
+        ++problems;
+        std::printf("mismatch\t%s\n", what.c_str());
+    };
+    auto work = [&](int thread) {
+        const OvraKb::StrMap config = {{"op_type", "Threads"}};
+        const std::string prefix = "t" + std::to_string(thread) + "-";
+        for (int i = 0; i < count; ++i) {
+            char key[64];
+            std::snprintf(key, sizeof key, "%s%05d", prefix.c_str(), i);
+            const Outcome written = Write("Threads", key, std::string("v:") + key, i % 10 == 9);
+            std::vector<OvraKb::StrMap> rows;
+            const Outcome found = Run([&] { return OvraKbSearch(key, config, rows); });
+            if (written.status != 0 || found.status != 0 || rows.size() != 1 ||
+                rows[0]["knowledge"] != std::string("v:") + key) {
+                report(std::string(key) + "\twrite " + written.Line() + "\tsearch " + found.Line());
+            }
+        }
+        std::vector<OvraKb::StrMap> rows;
+        OvraKb::StrMap prefixConfig = config;
+        prefixConfig["search_type"] = "prefix";
+        const Outcome listed = Run([&] { return OvraKbSearch(prefix, prefixConfig, rows); });
+        if (listed.status != 0 || rows.size() != static_cast<std::size_t>(count)) {
+            report(prefix + "\tprefix search found " + std::to_string(rows.size()) + "\t" + listed.Line());
+        }
+    };
+    std::vector<std::thread> pool;
+    for (int t = 0; t < threads; ++t) {
+        pool.emplace_back(work, t);
+    }
+    for (std::thread &thread : pool) {
+        thread.join();
+    }
+    std::vector<OvraKb::StrMap> all;
+    const OvraKb::StrMap everything = {{"op_type", "*"}, {"search_type", "all"}};
+    const Outcome listed = Run([&] { return OvraKbSearch("", everything, all); });
+    const Outcome closed = Run([] { return OvraKbFinalize(); });
+    std::printf("threads\t%zu\t%s\t%s\n", all.size(), listed.Line().c_str(), closed.Line().c_str());
+    return problems == 0 && listed.status == 0 && closed.status == 0 ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char **argv)
@@ -265,6 +324,9 @@ int main(int argc, char **argv)
     if (mode == "session" && argc == 2) {
         return Session();
     }
+    if (mode == "threads" && argc == 5) {
+        return Threads(argv[2], std::atoi(argv[3]), std::atoi(argv[4]));
+    }
     WriterOptions options;
     if (mode == "writer" && ParseWriter(argc, argv, options)) {
         return Writer(options);
@@ -272,6 +334,7 @@ int main(int argc, char **argv)
     std::fprintf(stderr,
                  "usage: kb_driver session\n"
                  "       kb_driver writer --bank B --id ID --count N [--shared S] [--durable-every K] [--log FILE]\n"
-                 "                        [--stop-file F] [--pause-us U] [--wait-go]\n");
+                 "                        [--stop-file F] [--pause-us U] [--wait-go]\n"
+                 "       kb_driver threads BANK THREADS COUNT\n");
     return 64;
 }

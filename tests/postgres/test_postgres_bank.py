@@ -274,6 +274,30 @@ class ConcurrencyTest(BankTestCase):
         self.assert_logs_keep_the_password()
 
 
+class ThreadTest(BankTestCase):
+    def test_native_threads_share_a_small_pool(self):
+        threads, count, name = 8, 300, "ovra_kb_" + self.schema
+        url = with_query(self.url, application_name=name)
+        stderr = open(self.log_path("threads.stderr"), "w")
+        self.addCleanup(stderr.close)
+        env = dict(self.env, OVRA_LOG_LEVEL="warning")
+        proc = subprocess.Popen([DRIVER, "threads", url, str(threads), str(count)], stdout=subprocess.PIPE,
+                                stderr=stderr, env=env, universal_newlines=True)
+        peak = 0
+        with self.psycopg.connect(URL, autocommit=True) as conn:
+            while proc.poll() is None:
+                (connections,), = conn.execute(
+                    "SELECT count(*) FROM pg_stat_activity WHERE application_name = %s", (name,)).fetchall()
+                peak = max(peak, connections)
+                time.sleep(0.02)
+        out, _ = proc.communicate(timeout=60)
+        self.assertEqual(proc.returncode, 0, out)
+        self.assertTrue(out.startswith("threads\t%d\tstatus\t0" % (threads * count)), out)
+        self.assertGreaterEqual(peak, 1)
+        self.assertLessEqual(peak, 4, "one process opened more connections than its pool holds")
+        print("%d native threads, at most %d connections at once" % (threads, peak))
+
+
 class RestartTest(BankTestCase):
     """A writer runs while the server restarts; every write it saw acknowledged with flag 1 is kept."""
 
