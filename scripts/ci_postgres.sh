@@ -67,7 +67,7 @@ password="$(/usr/bin/python3 -c 'import secrets; print(secrets.token_hex(12))')"
 role=ovra_kb_test
 database=ovra_kb_test
 
-say "PostgreSQL $("$bindir/postgres" --version | awk '{print $NF}') on 127.0.0.1:$port, files in $work"
+say "PostgreSQL $("$bindir/postgres" --version | awk '{print $3}') on 127.0.0.1:$port, files in $work"
 (cd "$work" && "${run_as[@]}" "$bindir/initdb" -D "$data" -U postgres --auth-local=trust --auth-host=scram-sha-256 \
   --encoding=UTF8 --locale=C.UTF-8 --no-sync >"$work/initdb.log" 2>&1) || { cat "$work/initdb.log" >&2; exit 1; }
 # TLS with a throwaway certificate for 127.0.0.1 (openssl comes with the postgresql package), so that the
