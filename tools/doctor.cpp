@@ -65,6 +65,7 @@ class Doctor {
     void CheckRuntimeFile(const std::string &file);
     void CheckModules();
     void CheckBank();
+    void CheckServerBank();
 
     std::string bank_;
     bool havePython_ = false;
@@ -265,8 +266,56 @@ std::string NearestExistingAncestor(std::string path)
     return path.empty() ? "." : path;
 }
 
+bool IsServerUrl(const std::string &bank)
+{
+    return bank.rfind("postgresql://", 0) == 0 || bank.rfind("postgres://", 0) == 0;
+}
+
+// The URL without its password, for showing.
+std::string Redacted(const std::string &url)
+{
+    const std::size_t scheme = url.find("://");
+    const std::size_t at = url.find('@', scheme);
+    const std::size_t colon = url.find(':', scheme + 3);
+    if (scheme == std::string::npos || at == std::string::npos || colon == std::string::npos || colon > at) {
+        return url;
+    }
+    return url.substr(0, colon) + ":***" + url.substr(at);
+}
+
+// A server bank needs the driver in the python3 that the library loads, and a server that answers.
+void Doctor::CheckServerBank()
+{
+    const std::string shown = Redacted(bank_);
+    if (!havePython_) {
+        Report(false, "bank", shown + " not checked without a working python3; apply the python3 fix first");
+        return;
+    }
+    const ShellResult driver = RunShell("python3 -c 'import psycopg' 2>&1");
+    if (driver.exitCode != 0) {
+        Report(false, "bank",
+               shown + " needs the PostgreSQL driver, which python3 cannot import (" + LastLine(driver.output) +
+                   "); apt-get install python3-psycopg");
+        return;
+    }
+    // The URL travels in the environment, so that its password never shows in a process list.
+    setenv("OVRA_KB_DOCTOR_URL", bank_.c_str(), 1);
+    const ShellResult connected = RunShell(
+        "python3 -c 'import os, psycopg; psycopg.connect(os.environ[\"OVRA_KB_DOCTOR_URL\"], "
+        "connect_timeout=5).close()' 2>&1");
+    unsetenv("OVRA_KB_DOCTOR_URL");
+    Report(connected.exitCode == 0, "bank",
+           connected.exitCode == 0 ? shown + " answers"
+                                   : shown + " does not answer (" + LastLine(connected.output) +
+                                         "); check that the server runs and that the user and password are right");
+}
+
 void Doctor::CheckBank()
 {
+    if (IsServerUrl(bank_)) {
+        CheckServerBank();
+        return;
+    }
     const std::string fix = "; try --bank with a writable directory";
     std::string why;
     if (IsDirectory(bank_)) {

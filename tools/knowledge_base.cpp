@@ -40,6 +40,10 @@ const CodeHint kCodeHints[] = {
     {"OVRA_KB_E006", "try --type exact, prefix or all"},
     {"OVRA_KB_E010", "check the free space and permissions of --bank, and whether another process holds it locked"},
     {"OVRA_KB_E011", "upgrade the knowledge-base package or try --bank with another directory"},
+    {"OVRA_KB_E012", "apt-get install python3-psycopg for the python3 on the search path"},
+    {"OVRA_KB_E013", "check that the server named by --bank runs and accepts connections (ovra-kb doctor)"},
+    {"OVRA_KB_E014", "check the user and password in the --bank URL"},
+    {"OVRA_KB_E015", "check the network and the server, then try again"},
 };
 
 const StatusText kUnknownStatus = {0, "the library failed", "try again with --verbose"};
