@@ -8,6 +8,7 @@ packages=(
   python3 libpython3-dev
   postgresql python3-psycopg
   binutils valgrind dpkg-dev
+  libclang-rt-14-dev llvm
 )
 
 missing=()

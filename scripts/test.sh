@@ -12,3 +12,7 @@ cmake --build "$build" -j "$jobs"
 ctest --test-dir "$build" -j "$jobs" --output-on-failure --timeout 300
 bash "$root/scripts/ci_postgres.sh"
 bash "$root/scripts/ci_install.sh" "$build"
+# The reliability jobs (README, "Reliability jobs"): sanitizer builds, fuzzing, valgrind.
+bash "$root/scripts/ci_sanitizers.sh"
+bash "$root/scripts/ci_fuzz.sh"
+bash "$root/scripts/ci_valgrind.sh" "$build"
