@@ -130,10 +130,9 @@ std::uint32_t RunChange(const char *operation, const char *pyFunction, const Str
     }
     // The filled dictionary is kept for the life of the process, on purpose.
     PyObject *module = KbModule();
-    PyObjectPtr reply;
-    if (module != nullptr) {
-        reply = HoldReply(callModule(module, dict));
-    }
+    // Built once, from the reply or empty: an empty holder assigned afterwards would allocate a second
+    // control block on every call.
+    PyObjectPtr reply = module != nullptr ? HoldReply(callModule(module, dict)) : PyObjectPtr();
     if (reply.get() == nullptr || !ParsesAsZero(reply)) {
         OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Failed to call %s.", pyFunction);
         return OVRA_KB_PYTHON_CALL_FAILED;
@@ -149,10 +148,10 @@ PollResult PollSearchOnce(PyObjectPtr &taskHandle, std::vector<StrMap> &results)
     HandleManager &api = PyApi();
     GilGuard gil;
     PyObject *module = KbModule();
-    PyObjectPtr reply;
-    if (module != nullptr) {
-        reply = HoldReply(api.PyObject_CallMethod(module, "ovra_kb_search_get", "O", taskHandle.get()));
-    }
+    // Built once, as in RunChange: one control block per poll, not two.
+    PyObjectPtr reply = module != nullptr
+                            ? HoldReply(api.PyObject_CallMethod(module, "ovra_kb_search_get", "O", taskHandle.get()))
+                            : PyObjectPtr();
     if (reply.get() == nullptr) {
         taskHandle = PyObjectPtr();
         OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Failed to call ovra_kb_search_get.");

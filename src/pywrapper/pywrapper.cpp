@@ -1,6 +1,7 @@
 #include "pywrapper/pywrapper.h"
 
 #include <cctype>
+#include <utility>
 
 #include "common/common.h"
 #include "runtime/handle_manager.h"
@@ -157,7 +158,8 @@ void PylistToVec(PyObject *pyObj, std::vector<StrMap> &out)
             OVRA_KB_LOG(OVRA_LEVEL_WARNING, "PylistToVec: mapTmp is empty.");
             return;
         }
-        out.push_back(mapTmp);
+        // Moved, not copied: mapTmp is not used again, and the row appended is the same.
+        out.push_back(std::move(mapTmp));
     }
 }
 
