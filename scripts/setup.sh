@@ -4,7 +4,7 @@ set -euo pipefail
 
 packages=(
   cmake ninja-build g++ clang make pkg-config file
-  libgtest-dev libgmock-dev libbenchmark-dev
+  libgtest-dev libgmock-dev libbenchmark-dev pybind11-dev
   python3 libpython3-dev
   postgresql python3-psycopg
   binutils valgrind dpkg-dev

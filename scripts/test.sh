@@ -7,7 +7,7 @@ jobs="$(nproc)"
 
 bash "$root/scripts/setup.sh"
 
-cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOVRA_KB_BUILD_TESTS=ON
+cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOVRA_KB_BUILD_TESTS=ON -DOVRA_KB_BUILD_BENCH=ON
 cmake --build "$build" -j "$jobs"
 ctest --test-dir "$build" -j "$jobs" --output-on-failure --timeout 300
 bash "$root/scripts/ci_postgres.sh"

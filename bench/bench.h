@@ -1,0 +1,65 @@
+// Shared declarations of the benchmark program (one build per CPython, see bench/CMakeLists.txt).
+#ifndef OVRA_KB_BENCH_BENCH_H
+#define OVRA_KB_BENCH_BENCH_H
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "ovra_kb/ovra_kb_api.h"
+
+namespace OvraBench {
+
+using OvraKb::StrMap;
+
+// The module every bridge calls: the library imports it by this name, the baselines find it in sys.modules.
+constexpr const char *KB_MODULE = "oxe.common.repository_manager.interface";
+
+// One way from C++ to the knowledge-base module's functions: the library itself, or a baseline that makes
+// the same Python calls with the same arguments, taking and giving back the interpreter lock around each
+// call with PyGILState_Ensure and PyGILState_Release as the library does. Each answers a library status.
+struct Bridge {
+    const char *name;
+    std::uint32_t (*write)(const std::string &keyword, const std::string &knowledge, const StrMap &config, bool flag);
+    std::uint32_t (*erase)(const std::string &keyword, const StrMap &config, bool flag);
+    // Asks once, then every millisecond with the lock given back while sleeping, until the module is done.
+    std::uint32_t (*search)(const std::string &keyword, const StrMap &config, std::vector<StrMap> &results);
+    // "ovra_kb_init" then "ovra_kb_finalize", each under its own lock.
+    std::uint32_t (*initFinalize)(const StrMap &sysConfig, const StrMap &loadConfig);
+};
+
+const Bridge &LibraryBridge();
+const Bridge &CApiBridge();
+const Bridge &CApiMirrorBridge();
+const Bridge &Pybind11Bridge();
+
+// The baselines look the module up once, after the library imported it, and drop it before the library's
+// last finalisation. Both take the interpreter lock themselves.
+void AttachCApi();
+void DetachCApi();
+void AttachPybind11();
+void DetachPybind11();
+
+// The CPython this program was built against (set by the build).
+struct PythonBuild {
+    std::string version;  // for example "3.11.7"
+    std::string binDir;   // the directory of its python3
+    std::string library;  // the full path of its shared runtime
+};
+PythonBuild ThisPython();
+
+// Cold start-up, one child process per repetition: registers the cold benchmarks. `shimDir` is the version
+// manager's shim directory ("" when there is none), `shimVersion` the name it selects this Python by.
+void RegisterColdBenchmarks(const std::string &driver, const std::string &packageDir, const std::string &shimDir,
+                            const std::string &shimVersion);
+
+// Makes `count` calls; the only code that --ovra_mode=calls counts instructions in.
+std::uint32_t MeasuredCalls(const std::function<std::uint32_t()> &call, int count);
+
+// The sleep of one poll cycle, shared by the baselines: 1 ms, resumed after a signal, as the library sleeps.
+void SleepOnePollInterval();
+
+}  // namespace OvraBench
+
+#endif  // OVRA_KB_BENCH_BENCH_H
