@@ -12,6 +12,15 @@ elseif(NOT OVRA_KB_SANITIZE STREQUAL "")
   message(FATAL_ERROR "OVRA_KB_SANITIZE must be empty, 'address' or 'thread', not '${OVRA_KB_SANITIZE}'")
 endif()
 
+# Shared libraries resolve every symbol at link time, except in clang's sanitizer builds: clang puts
+# the sanitizer runtime into the executable that loads them, so their __asan_*/__tsan_* references
+# stay open until then.
+if(NOT OVRA_KB_SANITIZE STREQUAL "" AND CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+  set(OVRA_KB_NO_UNDEFINED "")
+else()
+  set(OVRA_KB_NO_UNDEFINED "-Wl,--no-undefined")
+endif()
+
 # Every library source logs under its own base name (without directory or extension).
 function(ovra_kb_name_sources target)
   get_target_property(sources ${target} SOURCES)

@@ -1,10 +1,11 @@
 #!/bin/sh
 # Checks the built library's linkage: five plain exported names, the platform functions left
 # to the platform library, no Python library needed and no Python headers used.
-#   check_library.sh LIBRARY COMPILE_COMMANDS_JSON
+#   check_library.sh LIBRARY COMPILE_COMMANDS_JSON LIBRARY_SOURCE_DIR
 set -u
 lib=$1
 commands=$2
+sources=$3
 status=0
 fail() { echo "FAIL: $*"; status=1; }
 
@@ -23,7 +24,10 @@ needed=$(readelf -d "$lib" | grep NEEDED)
 printf '%s\n' "$needed" | grep -q 'libovra_platform\.so' || fail "libovra_platform.so is not needed"
 printf '%s\n' "$needed" | grep -qi python && fail "a Python library is needed: $needed"
 
-grep -E '"(command|file)"' "$commands" | grep -F '/src/' | grep -iE 'python[0-9.]*/|include/python' &&
+# The compile commands of the library's own sources (their "file" lies under LIBRARY_SOURCE_DIR).
+library_commands=$(grep -B2 -F "\"file\": \"$sources/" "$commands" | grep '"command"')
+[ -n "$library_commands" ] || fail "no compile command of $sources found in $commands"
+printf '%s\n' "$library_commands" | grep -iE 'python[0-9.]*/|include/python' &&
     fail "a Python include directory appears in the library's compile commands"
 
 [ $status -eq 0 ] && echo "library linkage ok"

@@ -2,11 +2,9 @@
 # scripts/ci_sanitizers.sh (which also passes OVRA_KB_SANITIZER_OPTIONS; see below). It acts only
 # when OVRA_KB_SANITIZE is set and the compiler is clang, once every target is defined.
 #
-# 1. clang links the sanitizer runtime into executables only: a shared library built with
-#    -fsanitize=... keeps the runtime's entry points (__asan_*, __tsan_*, __ubsan_*) undefined and
-#    finds them in the program that loads it. The project's shared libraries are linked with
-#    --no-undefined, which refuses exactly that, so the check is lifted here. (The shared form of the
-#    runtime, -shared-libsan, is no way out: clang 14's shared ThreadSanitizer runtime crashes before
+# 1. (The shared libraries' --no-undefined is already left out of clang sanitizer builds, see
+#    cmake/OvraKbBuild.cmake. The shared form of the runtime, -shared-libsan, is no way out of
+#    linking the runtime into executables: clang 14's shared ThreadSanitizer runtime crashes before
 #    main, because libstdc++ registers its exit handlers before the runtime has initialised.)
 # 2. ovra_kb_sanitized_python (sanitized_python.cpp): the interpreter that runs the host tests, the
 #    tests in which Python is the process and loads the instrumented library (see
@@ -55,13 +53,7 @@ function(ovra_kb_sanitizer_adjust_targets)
     if(imported)
       continue()
     endif()
-    if(type STREQUAL "SHARED_LIBRARY" OR type STREQUAL "MODULE_LIBRARY")
-      get_target_property(options ${target} LINK_OPTIONS)
-      if(options)
-        list(REMOVE_ITEM options "-Wl,--no-undefined" "-Wl,-z,defs")
-        set_property(TARGET ${target} PROPERTY LINK_OPTIONS "${options}")
-      endif()
-    elseif(type STREQUAL "EXECUTABLE")
+    if(type STREQUAL "EXECUTABLE")
       target_sources(${target} PRIVATE $<TARGET_OBJECTS:${defaults}>)
     endif()
   endforeach()
