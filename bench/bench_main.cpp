@@ -18,6 +18,7 @@
 //                            counting instructions with valgrind --tool=callgrind
 //                            --toggle-collect='OvraBench::MeasuredCalls*'
 #include <benchmark/benchmark.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -414,6 +415,14 @@ long ResidentBytes()
     return resident * sysconf(_SC_PAGESIZE);
 }
 
+// Page faults of this process served without I/O (first touches of fresh memory).
+long MinorFaults()
+{
+    struct rusage usage {};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_minflt;
+}
+
 int RunCalls(const Options &options)
 {
     const Bridge *bridge = options.bridge == "library"       ? &LibraryBridge()
@@ -431,11 +440,14 @@ int RunCalls(const Options &options)
         status |= call();
     }
     long before = ResidentBytes();
+    long faultsBefore = MinorFaults();
     status |= MeasuredCalls(call, options.calls);
+    long faultsAfter = MinorFaults();
     long after = ResidentBytes();
     printf("%d calls of %s through %s: status %u\n", options.calls, options.op.c_str(), options.bridge.c_str(), status);
-    // What the calls left behind: the resident set's growth per call.
+    // What the calls left behind: the resident set's growth, and the pages first touched, per call.
     printf("resident_bytes_per_call %.1f\n", static_cast<double>(after - before) / options.calls);
+    printf("minor_faults_per_call %.4f\n", static_cast<double>(faultsAfter - faultsBefore) / options.calls);
     return status == OvraKb::OVRA_KB_SUCCESS ? 0 : 1;
 }
 

@@ -126,16 +126,17 @@ class Version(object):
         self.errors = errors(sorted(glob.glob(os.path.join(directory, "*.json"))))
         self.calls = self._table(os.path.join(directory, "calls.tsv"))
         self.resident = self._table(os.path.join(directory, "resident.tsv"))
+        self.faults = self._table(os.path.join(directory, "resident.tsv"), 3)
 
     @staticmethod
-    def _table(path):
+    def _table(path, column=2):
         table = {}
         if os.path.exists(path):
             with open(path) as handle:
                 for line in handle:
                     fields = line.split()
-                    if len(fields) == 3:
-                        table[(fields[0], fields[1])] = float(fields[2])
+                    if len(fields) > column:
+                        table[(fields[0], fields[1])] = float(fields[column])
         return table
 
     def op_time(self, caller, op, bridge, runs=None):
@@ -274,8 +275,10 @@ def calls_section(versions):
         return []
     lines = ["## Instructions per call", "",
              "Counted with `valgrind --tool=callgrind` over 10,000 calls from the initialising thread, after as "
-             "many warm-up calls: exact and independent of the machine's load. The last column is what the "
-             "resident set grows by per call (measured without valgrind over 100,000 calls).", "",
+             "many warm-up calls: exact and independent of the machine's load (`perf stat -e instructions` finds "
+             "no such counter in this virtual machine). The last column is what the "
+             "resident set grows by per call and how many fresh pages a call touches (page faults served without "
+             "I/O), measured without valgrind over 100,000 calls.", "",
              "| Python | operation | library | C-API floor | pybind11 | C-API mirror | library ÷ floor | "
              "mirror ÷ floor | library ÷ mirror | kept per call (library, mirror, floor) |",
              "|---|---|---|---|---|---|---|---|---|---|"]
@@ -284,7 +287,9 @@ def calls_section(versions):
             ir = dict((bridge, v.calls.get((op, bridge))) for bridge in BRIDGES)
             if ir["library"] is None:
                 continue
-            kept = ", ".join("%.0f B" % v.resident[(op, bridge)] if (op, bridge) in v.resident else "n/a"
+            kept = ", ".join(("%.0f B" % v.resident[(op, bridge)] +
+                              (" / %.3f faults" % v.faults[(op, bridge)] if (op, bridge) in v.faults else ""))
+                             if (op, bridge) in v.resident else "n/a"
                              for bridge in ("library", "capi_mirror", "capi"))
             lines.append("| %s | %s | %s | %s | %s | %s | %s | %s | %s | %s |" % (
                 v.info["version"], title,
@@ -371,6 +376,9 @@ def reference_section(versions, meta):
         lines.append("| %s | %s |" % (title, " | ".join(cells)))
     bank = meta.get("bank", {})
     lines += ["",
+              "A durable write is mostly `fsync`, whose time on this virtual disk varies from run to run; the "
+              "bridge's part of it is lost in that.",
+              "",
               "The bank on disk after filling and finalising: %s bytes in total (%s)." % (
                   "{:,}".format(bank.get("total", 0)),
                   ", ".join("`%s` %s bytes" % (name, "{:,}".format(size))
@@ -379,15 +387,19 @@ def reference_section(versions, meta):
     return lines
 
 
-def summarise(goals, key, caller=None):
-    """"met", "missed" or "partly met" for the cells of one goal (and caller), with the range of their texts."""
-    cells = [cell for k, _goal, c, row in goals if k == key and (caller is None or c == caller) for cell in row]
-    oks = [ok for _text, ok in cells]
+def summarise(goals, key, caller=None, versions=None):
+    """"met", "missed", or where each was, for the cells of one goal (and caller)."""
+    rows = [row for k, _goal, c, row in goals if k == key and (caller is None or c == caller)]
+    oks = [ok for row in rows for _text, ok in row]
     if oks and all(oks):
         return "met"
     if oks and not any(oks):
         return "missed"
-    return "partly met"
+    if versions is None or len(rows) != 1:
+        return "partly met"
+    met = [v.info["version"] for v, (_text, ok) in zip(versions, rows[0]) if ok]
+    missed = [v.info["version"] for v, (_text, ok) in zip(versions, rows[0]) if not ok]
+    return "met on %s, missed on %s" % (", ".join(met), ", ".join(missed))
 
 
 def analysis_section(versions, goals):
@@ -395,7 +407,8 @@ def analysis_section(versions, goals):
     titles = dict((c[0], c[3]) for c in CALLERS)
     ratio_keys = [op for op, _limit in GOAL_RATIOS]
     for caller, phrase in (("init", "the initialising thread"), ("other", "another thread")):
-        states = "; ".join("%s: %s" % (dict(OPS)[op], summarise(goals, op, titles[caller])) for op in ratio_keys)
+        states = "; ".join("%s: %s" % (dict(OPS)[op], summarise(goals, op, titles[caller], versions))
+                           for op in ratio_keys)
         lines.append("- Called from %s: %s." % (phrase, states))
     lines.append("- Search finished after 5 ms: %s; cold initialise: %s; exact search on the reference bank: %s."
                  % (summarise(goals, "search_after_5ms"), summarise(goals, "cold"), summarise(goals, "exact")))
@@ -409,13 +422,18 @@ def analysis_section(versions, goals):
             continue
         rows.append((v.info["version"], lib / floor, (mirror - floor) / (lib - floor), lib - mirror, slib / sfloor,
                      (smirror - sfloor) / (slib - sfloor), slib - smirror))
+    intervals = [1.0 / v.faults[("write_flag0", "library")] for v in versions
+                 if v.faults.get(("write_flag0", "library"))]
+    page_text = ("every %.0f to %.0f calls" % (min(intervals), max(intervals))) if intervals else "every so many calls"
     lines += [
         "### From the initialising thread",
         "",
-        "Here the lock is taken without creating anything, so the bridge's own work is most of a call, and the "
-        "instruction counts show the same excess as the times. The C-API mirror splits it in two: it makes "
-        "exactly the library's C-API calls, with its formats and the references it keeps, but runs none of "
-        "the library's C++ code.",
+        "Here the lock is taken without creating anything, so the bridge's own work is most of a call. The "
+        "instruction counts show the excess without the machine's noise: about twice the floor's instructions "
+        "for every operation and interpreter. The times show more than that for write, delete and initialise, "
+        "for the reason given in point 1. The C-API mirror splits the excess in two: it makes exactly the "
+        "library's C-API calls, with its formats and the references it keeps, but runs none of the library's "
+        "C++ code.",
         "",
         "1. **The C-API calls that the library's call sequence fixes** (mirror ÷ floor). Each call looks the "
         "module's function up by a C string (`PyObject_CallMethod` makes and hashes a new `str` for the name "
@@ -425,10 +443,12 @@ def analysis_section(versions, goals):
         "through `PyDict_Keys` and `PyDict_GetItem`. The floor makes the same Python calls with names and keys "
         "made once, `PyObject_CallFunctionObjArgs`, `PyLong_AsLong` and `PyDict_Next`. On top of that, write, "
         "delete and initialise keep their argument dictionaries for the life of the process, on purpose: the "
-        "resident set grows by the bytes shown in the instruction table on every such call, and each call "
-        "works on fresh, cold memory, which is why the library and the mirror lose more to the floor in time "
-        "than in instructions. The call sequence, the formats and the kept references are the library's "
-        "required behaviour (its tests check them), so they stay.",
+        "resident set grows by the bytes shown in the instruction table on every such call, a fresh page is "
+        "faulted in %s of a write, and the dictionaries are built in cold memory. "
+        "That is why the library and the mirror lose more to the floor in time than in instructions on these "
+        "three operations, and not on the search, which keeps no memory. The call sequence, the formats and "
+        "the kept references are the library's required behaviour (its tests check them), so they stay."
+        % page_text,
         "2. **The library's C++ code** (library ÷ mirror): the reference holders (every `PyObjectPtr` allocates "
         "a control block for its shared count, and the sequence holds the reply, the task handle, the search "
         "dictionary and each row's key list in one), the list through which the builders release their "
@@ -462,11 +482,14 @@ def analysis_section(versions, goals):
             costs.append("%s on CPython %s" % (fmt_time(other - init), v.info["version"]))
     lines += [
         "Every `PyGILState_Ensure` on a thread without a thread state creates one and the matching "
-        "`PyGILState_Release` destroys it (since 3.11 together with the first chunk of its frame stack: one "
-        "`mmap` and one `munmap` per call, as `strace -c` shows). That costs every bridge the same, %s per call "
-        "(C-API floor, another thread minus initialising thread), and brings the ratios close to 1. With 2 and 8 threads the calls "
+        "`PyGILState_Release` destroys it. Since CPython 3.11 that includes the first chunk of the thread's "
+        "frame stack, an `mmap` and a `munmap` on every call (as `strace -c` shows); before, a thread state is "
+        "a small allocation. The C-API floor's extra time per call from another thread is %s. Where it is "
+        "large, it is the same for every bridge and brings the ratios close to 1, so the goals are met there; "
+        "where it is small, the ratios stay those of the initialising thread. With 2 and 8 threads the calls "
         "are serialised by the interpreter lock; the figure is the wall time of the run divided by the calls of "
-        "all threads, and the threads' hand-overs of the lock dominate it." % "; ".join(costs),
+        "all threads, thread-state creation and the hand-overs of the lock dominate it, and these are the "
+        "figures that vary most from run to run." % "; ".join(costs),
         "",
         "### Searches that wait, start-up, the reference bank",
         "",
@@ -474,7 +497,9 @@ def analysis_section(versions, goals):
         "sleep plus the timer's slack and one poll); that goal is %s, and the C-API floor and pybind11, which "
         "poll the same way, take the same time. The cold-initialise goal is %s: beside its two queries the "
         "library costs what a plain embedded start-up costs; binding the 47 entry points takes well under a "
-        "millisecond, and most of either is `Py_Initialize` (which imports `site`). The exact-search goal is "
+        "millisecond, and most of either is `Py_Initialize` (which imports `site`; in the pyenv 3.11 build of "
+        "this machine `site` also imports `certifi` through a `.pth` file, about 30 ms by `python3 -X "
+        "importtime -c pass`, which the two queries pay as well). The exact-search goal is "
         "%s: most of a search is the package's own Python and SQLite work, so the library ÷ floor ratio there "
         "is only %s." % (summarise(goals, "search_after_5ms"), summarise(goals, "cold"), summarise(goals, "exact"),
                          exact_text),
@@ -482,7 +507,8 @@ def analysis_section(versions, goals):
         "### Changes made to the library",
         "",
         "Three allocations that served nothing were removed, without changing any call, log line, status or "
-        "reference (callgrind, CPython 3.11, `PYTHONHASHSEED=0`, instructions per call before → after: write "
+        "reference (callgrind, CPython 3.11, `PYTHONHASHSEED=0`, instructions per call before → after, measured "
+        "when the change was made: write "
         "6,473 → 6,268, delete 6,048 → 5,843, search answered at the first poll 20,065 → 18,014):",
         "",
         "- `src/interface/py_interface.cpp`, `RunChange` (write and delete): the reply holder is built once, "

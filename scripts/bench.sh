@@ -119,7 +119,8 @@ EOF
     for op in write_flag0 delete search_first_poll init_finalize; do
         for bridge in library capi pybind11 capi_mirror; do
             kept="$(PYTHONHASHSEED=0 "$exe" --ovra_mode=calls --ovra_op="$op" --ovra_bridge="$bridge" --ovra_calls=100000 |
-                awk '$1 == "resident_bytes_per_call" { print $2 }')"
+                awk '$1 == "resident_bytes_per_call" { bytes = $2 } $1 == "minor_faults_per_call" { faults = $2 }
+                     END { print bytes, faults }')"
             echo "$op $bridge $kept" >>"$dir/resident.tsv"
         done
     done
