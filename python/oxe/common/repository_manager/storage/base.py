@@ -85,3 +85,58 @@ class KnowledgeBackend(object):
     def export_all(self):
         """Every row of every scope, ordered by the full key (for moving banks)."""
         raise NotImplementedError
+
+
+class SqlKnowledgeBackend(KnowledgeBackend):
+    """The operations of a bank kept in one SQL table; subclasses give the statements and run them.
+
+    A subclass sets SQL_UPSERT, SQL_DELETE, SQL_EXACT, SQL_PREFIX_BOUNDED, SQL_PREFIX_OPEN,
+    SQL_ALL_OF_TYPE, SQL_ALL_OF_SCOPE, SQL_EXPORT and NO_LIMIT (the LIMIT value that means none), and
+    implements ``_modify(sql, params, durable)`` (the number of rows changed) and ``_query(sql, params)``
+    (the rows).
+    """
+
+    NO_LIMIT = None
+
+    def _never_stored(self, *texts):
+        """True when no record can hold these texts, so that a lookup need not ask the store."""
+        return False
+
+    def write(self, scope, op_type, keyword, knowledge, durable):
+        self._modify(self.SQL_UPSERT, (scope[0], scope[1], op_type, keyword, knowledge), durable)
+
+    def delete(self, scope, op_type, keyword, durable):
+        return self._modify(self.SQL_DELETE, (scope[0], scope[1], op_type, keyword), durable) > 0
+
+    def exact(self, scope, op_type, keyword):
+        if self._never_stored(scope[0], scope[1], op_type, keyword):
+            return []
+        found = self._query(self.SQL_EXACT, (scope[0], scope[1], op_type, keyword))
+        if not found:
+            return []
+        return [make_row(scope[0], scope[1], op_type, keyword, found[0][0])]
+
+    def prefix(self, scope, op_type, prefix, limit=None):
+        soc, core = scope
+        if self._never_stored(soc, core, op_type, prefix):
+            return []
+        upper = prefix_upper_bound(prefix)
+        limit = self.NO_LIMIT if limit is None else int(limit)
+        if upper is None:
+            found = self._query(self.SQL_PREFIX_OPEN, (soc, core, op_type, prefix, limit))
+        else:
+            found = self._query(self.SQL_PREFIX_BOUNDED, (soc, core, op_type, prefix, upper, limit))
+        return [make_row(soc, core, op_type, keyword, knowledge) for keyword, knowledge in found]
+
+    def all(self, scope, op_type):
+        soc, core = scope
+        if self._never_stored(soc, core, op_type or ""):
+            return []
+        if op_type is None:
+            found = self._query(self.SQL_ALL_OF_SCOPE, (soc, core))
+            return [make_row(soc, core, op, keyword, knowledge) for op, keyword, knowledge in found]
+        found = self._query(self.SQL_ALL_OF_TYPE, (soc, core, op_type))
+        return [make_row(soc, core, op_type, keyword, knowledge) for keyword, knowledge in found]
+
+    def export_all(self):
+        return [make_row(*row) for row in self._query(self.SQL_EXPORT, ())]

@@ -38,7 +38,7 @@ import sys
 import threading
 
 from .. import errors
-from .base import KnowledgeBackend, make_row, prefix_upper_bound
+from .base import SqlKnowledgeBackend
 
 SCHEMA_VERSION = 1
 POOL_SIZE = 4
@@ -229,8 +229,17 @@ _CONNECT_TEXT_AUTH = ("password authentication failed", "authentication failed",
 _LOST_SQLSTATES = ("57P01", "57P02", "57P03")
 
 
-class PostgresBackend(KnowledgeBackend):
+class PostgresBackend(SqlKnowledgeBackend):
     """Bank in the PostgreSQL database named by the URL ``location``."""
+
+    SQL_UPSERT = SQL_UPSERT
+    SQL_DELETE = SQL_DELETE
+    SQL_EXACT = SQL_EXACT
+    SQL_PREFIX_BOUNDED = SQL_PREFIX_BOUNDED
+    SQL_PREFIX_OPEN = SQL_PREFIX_OPEN
+    SQL_ALL_OF_TYPE = SQL_ALL_OF_TYPE
+    SQL_ALL_OF_SCOPE = SQL_ALL_OF_SCOPE
+    SQL_EXPORT = SQL_EXPORT
 
     def __init__(self, location, pool_size=POOL_SIZE):
         self.location = location
@@ -578,43 +587,9 @@ class PostgresBackend(KnowledgeBackend):
     def _query(self, sql, params):
         return self._run(lambda link: link.conn.execute(sql, params).fetchall(), "read")
 
-    def write(self, scope, op_type, keyword, knowledge, durable):
-        self._modify(SQL_UPSERT, (scope[0], scope[1], op_type, keyword, knowledge), durable)
-
-    def delete(self, scope, op_type, keyword, durable):
-        return self._modify(SQL_DELETE, (scope[0], scope[1], op_type, keyword), durable) > 0
-
-    def exact(self, scope, op_type, keyword):
-        if _has_nul(scope, op_type, keyword):
-            return []  # no stored text holds NUL
-        found = self._query(SQL_EXACT, (scope[0], scope[1], op_type, keyword))
-        if not found:
-            return []
-        return [make_row(scope[0], scope[1], op_type, keyword, found[0][0])]
-
-    def prefix(self, scope, op_type, prefix, limit=None):
-        if _has_nul(scope, op_type, prefix):
-            return []
-        upper = prefix_upper_bound(prefix)
-        soc, core = scope
-        if upper is None:
-            found = self._query(SQL_PREFIX_OPEN, (soc, core, op_type, prefix, limit))
-        else:
-            found = self._query(SQL_PREFIX_BOUNDED, (soc, core, op_type, prefix, upper, limit))
-        return [make_row(soc, core, op_type, keyword, knowledge) for keyword, knowledge in found]
-
-    def all(self, scope, op_type):
-        soc, core = scope
-        if _has_nul(scope, op_type or ""):
-            return []
-        if op_type is None:
-            found = self._query(SQL_ALL_OF_SCOPE, (soc, core))
-            return [make_row(soc, core, op, keyword, knowledge) for op, keyword, knowledge in found]
-        found = self._query(SQL_ALL_OF_TYPE, (soc, core, op_type))
-        return [make_row(soc, core, op_type, keyword, knowledge) for keyword, knowledge in found]
-
-    def export_all(self):
-        return [make_row(*row) for row in self._query(SQL_EXPORT, ())]
+    def _never_stored(self, *texts):
+        # PostgreSQL text cannot hold NUL, so no record has one.
+        return _has_nul((), *texts)
 
 
 def _has_nul(scope, *texts):

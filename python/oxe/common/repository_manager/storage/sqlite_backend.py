@@ -24,7 +24,7 @@ import threading
 import time
 
 from .. import errors
-from .base import KnowledgeBackend, make_row, prefix_upper_bound
+from .base import SqlKnowledgeBackend
 
 DB_FILE_NAME = "ovra_kb.db"
 SCHEMA_VERSION = 1
@@ -118,8 +118,18 @@ def _fsync_path(path, directory=False):
         os.close(fd)
 
 
-class SqliteBackend(KnowledgeBackend):
+class SqliteBackend(SqlKnowledgeBackend):
     """SQLite bank in the directory ``directory``."""
+
+    SQL_UPSERT = _SQL_UPSERT
+    SQL_DELETE = _SQL_DELETE
+    SQL_EXACT = SQL_EXACT
+    SQL_PREFIX_BOUNDED = SQL_PREFIX_BOUNDED
+    SQL_PREFIX_OPEN = SQL_PREFIX_OPEN
+    SQL_ALL_OF_TYPE = SQL_ALL_OF_TYPE
+    SQL_ALL_OF_SCOPE = SQL_ALL_OF_SCOPE
+    SQL_EXPORT = _SQL_EXPORT
+    NO_LIMIT = -1
 
     def __init__(self, directory, busy_timeout=DEFAULT_BUSY_TIMEOUT, reader_pool_size=READER_POOL_SIZE):
         self.directory = directory
@@ -316,37 +326,3 @@ class SqliteBackend(KnowledgeBackend):
             raise self._storage_error(exc, "read")
         finally:
             self._release_reader(conn)
-
-    # ------------------------------------------------------------ operations
-    def write(self, scope, op_type, keyword, knowledge, durable):
-        self._modify(_SQL_UPSERT, (scope[0], scope[1], op_type, keyword, knowledge), durable)
-
-    def delete(self, scope, op_type, keyword, durable):
-        return self._modify(_SQL_DELETE, (scope[0], scope[1], op_type, keyword), durable) > 0
-
-    def exact(self, scope, op_type, keyword):
-        found = self._query(SQL_EXACT, (scope[0], scope[1], op_type, keyword))
-        if not found:
-            return []
-        return [make_row(scope[0], scope[1], op_type, keyword, found[0][0])]
-
-    def prefix(self, scope, op_type, prefix, limit=None):
-        upper = prefix_upper_bound(prefix)
-        limit = -1 if limit is None else int(limit)
-        if upper is None:
-            found = self._query(SQL_PREFIX_OPEN, (scope[0], scope[1], op_type, prefix, limit))
-        else:
-            found = self._query(SQL_PREFIX_BOUNDED, (scope[0], scope[1], op_type, prefix, upper, limit))
-        soc, core = scope
-        return [make_row(soc, core, op_type, keyword, knowledge) for keyword, knowledge in found]
-
-    def all(self, scope, op_type):
-        soc, core = scope
-        if op_type is None:
-            found = self._query(SQL_ALL_OF_SCOPE, (soc, core))
-            return [make_row(soc, core, op, keyword, knowledge) for op, keyword, knowledge in found]
-        found = self._query(SQL_ALL_OF_TYPE, (soc, core, op_type))
-        return [make_row(soc, core, op_type, keyword, knowledge) for keyword, knowledge in found]
-
-    def export_all(self):
-        return [make_row(*row) for row in self._query(_SQL_EXPORT, ())]
