@@ -5,7 +5,7 @@
 namespace OvraCli {
 namespace {
 
-struct CommandSpec {
+struct CommandInfo {
     Command command;
     const char *name;
     const char *synopsis;
@@ -15,7 +15,7 @@ struct CommandSpec {
     const char *details;
 };
 
-const CommandSpec kCommands[] = {
+const CommandInfo kCommands[] = {
     {Command::kWrite, "write", "write KEYWORD KNOWLEDGE [options]", 2, 2, false,
      "Stores KNOWLEDGE under KEYWORD for the op type (--op-type), replacing any record with that keyword.\n"
      "The record is durable when the command returns.\n"},
@@ -81,21 +81,21 @@ const char kExitStatuses[] =
     "refused the call; 1 doctor found a problem; 64 usage error; 65 malformed import file;\n"
     "66 import file unreadable; 73 export file not writable.\n";
 
-const CommandSpec *FindCommand(const std::string &name)
+const CommandInfo *FindCommand(const std::string &name)
 {
-    for (const CommandSpec &spec : kCommands) {
-        if (name == spec.name) {
-            return &spec;
+    for (const CommandInfo &info : kCommands) {
+        if (name == info.name) {
+            return &info;
         }
     }
     return nullptr;
 }
 
-const CommandSpec *SpecOf(Command command)
+const CommandInfo *InfoOf(Command command)
 {
-    for (const CommandSpec &spec : kCommands) {
-        if (spec.command == command) {
-            return &spec;
+    for (const CommandInfo &info : kCommands) {
+        if (info.command == command) {
+            return &info;
         }
     }
     return nullptr;
@@ -173,12 +173,12 @@ class Parser {
             options.help = true;
             return;
         }
-        const CommandSpec *spec = FindCommand(arg);
-        if (spec == nullptr) {
+        const CommandInfo *info = FindCommand(arg);
+        if (info == nullptr) {
             result_.usageError = "unknown command '" + arg + "'";
             return;
         }
-        options.command = spec->command;
+        options.command = info->command;
     }
 
     void TakeOption(const std::string &arg)
@@ -214,15 +214,15 @@ class Parser {
         if (options.help || options.version) {
             return;
         }
-        const CommandSpec *spec = SpecOf(options.command);
-        if (spec == nullptr) {
+        const CommandInfo *info = InfoOf(options.command);
+        if (info == nullptr) {
             result_.usageError = "no command given";
-        } else if (!spec->takesSearchOptions && !searchOnlyOption_.empty()) {
+        } else if (!info->takesSearchOptions && !searchOnlyOption_.empty()) {
             result_.usageError = "option " + searchOnlyOption_ + " applies only to search";
-        } else if (options.operands.size() < spec->minOperands) {
+        } else if (options.operands.size() < info->minOperands) {
             result_.usageError = "missing operand";
-        } else if (options.operands.size() > spec->maxOperands) {
-            result_.usageError = "unexpected operand '" + options.operands[spec->maxOperands] + "'";
+        } else if (options.operands.size() > info->maxOperands) {
+            result_.usageError = "unexpected operand '" + options.operands[info->maxOperands] + "'";
         } else if (options.command == Command::kSearch && options.operands.empty() && options.searchType != "all") {
             result_.usageError = "missing KEYWORD (only --type all may leave it out)";
         }
@@ -238,8 +238,8 @@ class Parser {
 std::string CommandList()
 {
     std::string text = "Commands:\n";
-    for (const CommandSpec &spec : kCommands) {
-        text += "  ovra-kb " + std::string(spec.synopsis) + "\n";
+    for (const CommandInfo &info : kCommands) {
+        text += "  ovra-kb " + std::string(info.synopsis) + "\n";
     }
     text += "  ovra-kb help COMMAND\n";
     return text;
@@ -254,22 +254,22 @@ ParsedCommandLine ParseCommandLine(const std::vector<std::string> &args)
 
 std::string UsageLine(Command command)
 {
-    const CommandSpec *spec = SpecOf(command);
-    if (spec == nullptr) {
+    const CommandInfo *info = InfoOf(command);
+    if (info == nullptr) {
         return "usage: ovra-kb COMMAND [ARGS] [options] (commands: write, search, delete, import, export, demo, "
                "doctor; see ovra-kb --help)";
     }
-    return "usage: ovra-kb " + std::string(spec->synopsis);
+    return "usage: ovra-kb " + std::string(info->synopsis);
 }
 
 std::string HelpText(Command command)
 {
-    const CommandSpec *spec = SpecOf(command);
-    if (spec == nullptr) {
+    const CommandInfo *info = InfoOf(command);
+    if (info == nullptr) {
         return "ovra-kb: write, search and manage the records of an operator knowledge bank.\n\n" + CommandList() +
                "\n" + kCommonOptions + "\n" + kPackageLookup + "\n" + kExitStatuses;
     }
-    return UsageLine(command) + "\n\n" + spec->details + "\n" + kCommonOptions;
+    return UsageLine(command) + "\n\n" + info->details + "\n" + kCommonOptions;
 }
 
 }  // namespace OvraCli
