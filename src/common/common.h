@@ -8,8 +8,6 @@
 
 namespace OvraKb {
 
-using Status = std::uint32_t;
-
 // This library's module number in the platform log.
 constexpr int OVRA_KB_LOG_MODULE = 60;
 

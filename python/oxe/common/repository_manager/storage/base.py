@@ -10,6 +10,8 @@ Implementations must be safe to call from several threads at once and must
 tolerate other processes using the same bank.
 """
 
+from .. import errors
+
 ROW_FIELDS = ("soc_version", "core_num", "op_type", "keyword", "knowledge")
 
 
@@ -97,6 +99,34 @@ class SqlKnowledgeBackend(KnowledgeBackend):
     """
 
     NO_LIMIT = None
+    # The newest schema this package reads, and what op_bank_path should name instead of a bank
+    # whose schema is newer.
+    SCHEMA_VERSION = 1
+    OTHER_BANK = "another bank"
+
+    def _shown_bank(self):
+        """The bank as messages name it."""
+        raise NotImplementedError
+
+    def _bank_detail(self):
+        """The bank as the op_bank_path detail of an error names it."""
+        return self._shown_bank()
+
+    def _check_not_newer(self, version):
+        if version > self.SCHEMA_VERSION:
+            raise errors.kb_error(
+                errors.SCHEMA_TOO_NEW,
+                "The knowledge bank %s has schema version %d but this package reads up to version %d; "
+                "upgrade the knowledge-base package or set op_bank_path to %s."
+                % (self._shown_bank(), version, self.SCHEMA_VERSION, self.OTHER_BANK),
+                op_bank_path=self._bank_detail(),
+            )
+
+    def _closed_error(self):
+        return errors.kb_error(
+            errors.NOT_INITIALISED,
+            "The knowledge bank %s is closed; call ovra_kb_init before using it." % self._bank_detail(),
+        )
 
     def _never_stored(self, *texts):
         """True when no record can hold these texts, so that a lookup need not ask the store."""

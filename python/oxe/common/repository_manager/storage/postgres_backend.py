@@ -240,6 +240,8 @@ class PostgresBackend(SqlKnowledgeBackend):
     SQL_ALL_OF_TYPE = SQL_ALL_OF_TYPE
     SQL_ALL_OF_SCOPE = SQL_ALL_OF_SCOPE
     SQL_EXPORT = SQL_EXPORT
+    SCHEMA_VERSION = SCHEMA_VERSION
+    OTHER_BANK = "another database"
 
     def __init__(self, location, pool_size=POOL_SIZE):
         self.location = location
@@ -453,22 +455,10 @@ class PostgresBackend(SqlKnowledgeBackend):
             "The PostgreSQL bank %s cannot be used: %s." % (self.target.display, why),
             op_bank_path=self.target.display)
 
-    def _check_not_newer(self, version):
-        if version > SCHEMA_VERSION:
-            raise errors.kb_error(
-                errors.SCHEMA_TOO_NEW,
-                "The knowledge bank %s has schema version %d but this package reads up to version %d; "
-                "upgrade the knowledge-base package or set op_bank_path to another database."
-                % (self.target.display, version, SCHEMA_VERSION),
-                op_bank_path=self.target.display)
+    def _shown_bank(self):
+        return self.target.display
 
     # ------------------------------------------------------------- the pool
-    def _closed_error(self):
-        return errors.kb_error(
-            errors.NOT_INITIALISED,
-            "The knowledge bank %s is closed; call ovra_kb_init before using it." % self.target.display,
-        )
-
     def _acquire(self):
         with self._cond:
             while True:

@@ -130,6 +130,8 @@ class SqliteBackend(SqlKnowledgeBackend):
     SQL_ALL_OF_SCOPE = SQL_ALL_OF_SCOPE
     SQL_EXPORT = _SQL_EXPORT
     NO_LIMIT = -1
+    SCHEMA_VERSION = SCHEMA_VERSION
+    OTHER_BANK = "another directory"
 
     def __init__(self, directory, busy_timeout=DEFAULT_BUSY_TIMEOUT, reader_pool_size=READER_POOL_SIZE):
         self.directory = directory
@@ -255,23 +257,13 @@ class SqliteBackend(SqlKnowledgeBackend):
                 conn.execute("ROLLBACK")
             raise
 
-    def _check_not_newer(self, version):
-        if version > SCHEMA_VERSION:
-            raise errors.kb_error(
-                errors.SCHEMA_TOO_NEW,
-                "The knowledge bank %s has schema version %d but this package reads up to version %d; "
-                "upgrade the knowledge-base package or set op_bank_path to another directory."
-                % (self.db_path, version, SCHEMA_VERSION),
-                op_bank_path=self.directory,
-            )
+    def _shown_bank(self):
+        return self.db_path
+
+    def _bank_detail(self):
+        return self.directory
 
     # --------------------------------------------------------------- helpers
-    def _closed_error(self):
-        return errors.kb_error(
-            errors.NOT_INITIALISED,
-            "The knowledge bank %s is closed; call ovra_kb_init before using it." % self.directory,
-        )
-
     def _storage_error(self, exc, action):
         return errors.kb_error(
             errors.STORAGE_FAILURE,
