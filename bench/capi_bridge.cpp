@@ -14,6 +14,7 @@
 #include <Python.h>
 
 #include "bench.h"
+#include "python_gil.h"
 
 namespace OvraBench {
 namespace {
@@ -42,17 +43,6 @@ struct Names {
     PyObject *str;
 };
 Names g_names{};
-
-class Gil {
-  public:
-    Gil() : state_(PyGILState_Ensure()) {}
-    ~Gil() { PyGILState_Release(state_); }
-    Gil(const Gil &) = delete;
-    Gil &operator=(const Gil &) = delete;
-
-  private:
-    PyGILState_STATE state_;
-};
 
 // ---------------------------------------------------------------- the floor
 

@@ -5,6 +5,7 @@
 #include <pybind11/stl.h>
 
 #include "bench.h"
+#include "python_gil.h"
 
 namespace py = pybind11;
 
@@ -17,17 +18,6 @@ constexpr std::uint32_t CALL_FAILED = OvraKb::OVRA_KB_PYTHON_CALL_FAILED;
 
 // Created and dropped under the lock by Attach/Detach.
 py::module_ *g_module = nullptr;
-
-class Gil {
-  public:
-    Gil() : state_(PyGILState_Ensure()) {}
-    ~Gil() { PyGILState_Release(state_); }
-    Gil(const Gil &) = delete;
-    Gil &operator=(const Gil &) = delete;
-
-  private:
-    PyGILState_STATE state_;
-};
 
 std::uint32_t Write(const std::string &keyword, const std::string &knowledge, const StrMap &config, bool flag)
 {
