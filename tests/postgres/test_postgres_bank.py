@@ -379,6 +379,8 @@ class LoginTest(BankTestCase):
              "OVRA_KB_E014", ["user and password", user]),
             ("postgres://%s@%s:%s/%s?password=%s" % (user, host, port, db, wrong),
              "OVRA_KB_E014", ["user and password"]),
+            ("postgresql://%s:%s@%s:%s/no_such_db_x?sslmode=disable" % (user, self.password, host, port),
+             "OVRA_KB_E013", ["no_such_db_x", "createdb"]),
         ]
         for url, code, phrases in cases:
             with self.subTest(code=code, url=url.replace(wrong, "***").replace(self.password or "\0", "***")):
