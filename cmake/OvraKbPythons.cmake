@@ -37,3 +37,36 @@ if(NOT DEFINED OVRA_KB_DEFAULT_TEST_PYTHON)
 endif()
 message(STATUS "Test interpreters: ${OVRA_KB_TEST_PYTHONS}")
 message(STATUS "Default test interpreter: ${OVRA_KB_DEFAULT_TEST_PYTHON}")
+
+# Asks the interpreter `python` about itself and sets, in the caller's scope:
+#   <prefix>_INCLUDE_DIR  its headers' directory       <prefix>_EXT_SUFFIX  its extension-module suffix
+#   <prefix>_LIBRARY      LIBDIR/LDLIBRARY              <prefix>_VERSION     major.minor.micro
+#   <prefix>_FOUND        TRUE when it answered and its Python.h exists
+function(ovra_kb_describe_python python prefix)
+  set(program [=[
+import sys, sysconfig
+print(sysconfig.get_paths()["include"])
+print(sysconfig.get_config_var("EXT_SUFFIX") or "")
+print((sysconfig.get_config_var("LIBDIR") or "") + "/" + (sysconfig.get_config_var("LDLIBRARY") or ""))
+print("%d.%d.%d" % sys.version_info[:3])
+]=])
+  execute_process(COMMAND "${python}" -c "${program}"
+    OUTPUT_VARIABLE answers OUTPUT_STRIP_TRAILING_WHITESPACE RESULT_VARIABLE failed)
+  string(REPLACE "\n" ";" answers "${answers}")
+  list(LENGTH answers count)
+  set(found FALSE)
+  if(NOT failed AND count EQUAL 4)
+    list(GET answers 0 include_dir)
+    list(GET answers 1 suffix)
+    list(GET answers 2 library)
+    list(GET answers 3 version)
+    if(EXISTS "${include_dir}/Python.h")
+      set(found TRUE)
+    endif()
+  endif()
+  set(${prefix}_FOUND ${found} PARENT_SCOPE)
+  set(${prefix}_INCLUDE_DIR "${include_dir}" PARENT_SCOPE)
+  set(${prefix}_EXT_SUFFIX "${suffix}" PARENT_SCOPE)
+  set(${prefix}_LIBRARY "${library}" PARENT_SCOPE)
+  set(${prefix}_VERSION "${version}" PARENT_SCOPE)
+endfunction()
