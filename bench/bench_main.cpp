@@ -56,8 +56,8 @@ struct Options {
     int calls = 10000;
 };
 
-const StrMap SYS_CONFIG = {{"soc_version", "Ascend910B"}, {"core_num", "8"}};
-const StrMap REFERENCE_SYS_CONFIG = {{"soc_version", "Ascend910B"}, {"core_num", "32"}};
+const StrMap SYS_CONFIG = {{"soc_version", "soc-a1"}, {"core_num", "8"}};
+const StrMap REFERENCE_SYS_CONFIG = {{"soc_version", "soc-a1"}, {"core_num", "32"}};
 const StrMap OP_CONFIG = {{"op_type", "MatMul"}};
 const StrMap PREFIX_CONFIG = {{"op_type", "MatMul"}, {"search_type", "prefix"}};
 const StrMap BENCH_WRITE_CONFIG = {{"op_type", "BenchWrite"}};

@@ -53,7 +53,7 @@ void Mark(const char *text)
 
 int RunLibrary()
 {
-    const OvraKb::StrMap sysConfig = {{"soc_version", "Ascend910B"}, {"core_num", "8"}};
+    const OvraKb::StrMap sysConfig = {{"soc_version", "soc-a1"}, {"core_num", "8"}};
     const OvraKb::StrMap loadConfig = {{"op_bank_path", "/nonexistent/bench"}};
     Mark("begin");
     Clock::time_point start = Clock::now();
@@ -143,7 +143,7 @@ int RunEmbedded(const char *library)
     state = py.PyGILState_Ensure();
     void *sysDict = py.PyDict_New();
     void *loadDict = py.PyDict_New();
-    bool called = imported && SetText(py, sysDict, "soc_version", "Ascend910B") &&
+    bool called = imported && SetText(py, sysDict, "soc_version", "soc-a1") &&
                   SetText(py, sysDict, "core_num", "8") && SetText(py, loadDict, "op_bank_path", "/nonexistent/bench");
     void *reply = called ? py.PyObject_CallMethod(kbModule, "ovra_kb_init", "OO", sysDict, loadDict) : nullptr;
     called = reply != nullptr && py.PyLong_AsLong(reply) == 0;

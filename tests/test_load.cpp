@@ -158,7 +158,7 @@ TEST(Load, EightThreadsAgreeWithTheModel)
     TempDir dir;
     OvraTest::PutPythonFirstOnPath(dir, OvraTest::TestPython());
     OvraTest::UseReferencePackage();
-    const StrMap sys = {{"soc_version", "Ascend910B"}, {"core_num", "8"}};
+    const StrMap sys = {{"soc_version", "soc-a1"}, {"core_num", "8"}};
     ASSERT_EQ(OvraKbInit(sys, {{"op_bank_path", dir.File("bank")}}), 0U);
 
     std::vector<Worker> workers;

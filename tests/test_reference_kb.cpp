@@ -18,7 +18,7 @@ StrMap Row(const std::string &opType, const std::string &keyword, const std::str
             {"keyword", keyword},
             {"knowledge", knowledge},
             {"op_type", opType},
-            {"soc_version", "Ascend910B"}};
+            {"soc_version", "soc-a1"}};
 }
 
 class ReferenceKb : public ::testing::Test {
@@ -42,7 +42,7 @@ class ReferenceKb : public ::testing::Test {
     }
 
     TempDir dir_;
-    StrMap sys_ = {{"soc_version", "Ascend910B"}, {"core_num", "8"}};
+    StrMap sys_ = {{"soc_version", "soc-a1"}, {"core_num", "8"}};
 };
 
 TEST_F(ReferenceKb, RoundTripOverEverySearchType)

@@ -20,7 +20,7 @@ struct Options {
     Command command = Command::kNone;
     std::vector<std::string> operands;
     std::string bank;  // empty: DefaultBankDir()
-    std::string soc = "Ascend910B";
+    std::string soc = "soc-a1";
     std::string cores = "8";
     std::string opType = "generic";
     bool opTypeGiven = false;

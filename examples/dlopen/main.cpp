@@ -67,7 +67,7 @@ int main(int argc, char **argv)
         return 1;
     }
     const OvraKb::StrMap op = {{"op_type", "Conv2D"}};
-    bool ok = Step("init", kb.init({{"soc_version", "Ascend910B"}, {"core_num", "8"}}, {{"op_bank_path", bank}}));
+    bool ok = Step("init", kb.init({{"soc_version", "soc-a1"}, {"core_num", "8"}}, {{"op_bank_path", bank}}));
     ok = ok && Step("write", kb.write("k3x3", "im2col for 3x3 kernels", op, true));
     Rows rows;
     ok = ok && Step("search", kb.search("k3x3", op, rows)) && rows.size() == 1;

@@ -21,7 +21,7 @@ bool Report(const char *step, std::uint32_t status)
 int main(int argc, char **argv)
 {
     const std::string bank = argc > 1 ? argv[1] : "/tmp/ovra-kb-quickstart";
-    const OvraKb::StrMap sysConfig = {{"soc_version", "Ascend910B"}, {"core_num", "8"}};
+    const OvraKb::StrMap sysConfig = {{"soc_version", "soc-a1"}, {"core_num", "8"}};
     const OvraKb::StrMap loadConfig = {{"op_bank_path", bank}};
     const OvraKb::StrMap opConfig = {{"op_type", "MatMul"}};
 

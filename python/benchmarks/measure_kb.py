@@ -23,7 +23,7 @@ def main():
     records = int(sys.argv[1]) if len(sys.argv) > 1 else 100000
     tmp = tempfile.mkdtemp(prefix="ovra_kb_measure_")
     try:
-        kb.ovra_kb_init({"soc_version": "Ascend910B", "core_num": "32"}, {"op_bank_path": tmp})
+        kb.ovra_kb_init({"soc_version": "soc-a1", "core_num": "32"}, {"op_bank_path": tmp})
         write_config = {"op_type": "MatMul"}
         for number in range(records):
             kb.ovra_kb_write("shape_%06d" % number, "tiling=%d;block=%d" % (number, number % 64), write_config, 0)

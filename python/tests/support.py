@@ -14,7 +14,7 @@ from oxe.common.repository_manager import interface
 from oxe.common.repository_manager.errors import error_info
 
 PACKAGE_ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-SYS = {"soc_version": "Ascend910B", "core_num": "32"}
+SYS = {"soc_version": "soc-a1", "core_num": "32"}
 
 
 def start_python(code, *args):

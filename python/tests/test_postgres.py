@@ -20,7 +20,7 @@ from oxe.common.repository_manager.utils import repository_manager_log
 from tests import pg_support
 from tests.support import SYS, KbTestCase, run_python, search, start_python, wait_for
 
-SCOPE = ("Ascend910B", "32")
+SCOPE = ("soc-a1", "32")
 SERVER_SKIP = pg_support.skip_reason()
 needs_server = unittest.skipIf(SERVER_SKIP is not None, SERVER_SKIP or "")
 
@@ -131,8 +131,8 @@ class ParityTest(ServerTestCase):
             backend.write(SCOPE, "Op", keyword, "v%d \u00e9 %s" % (number, keyword), number % 3 == 0)
         for op_type in ("Op2", "op", "_Op", "\u00c9p"):
             backend.write(SCOPE, op_type, "k", op_type, False)
-        backend.write(("Ascend310P", "8"), "Op", "a", "other chip", True)
-        backend.write(("Ascend910B", "8"), "Op", "a", "other core count", False)
+        backend.write(("soc-b2", "8"), "Op", "a", "other chip", True)
+        backend.write(("soc-a1", "8"), "Op", "a", "other core count", False)
         backend.write(SCOPE, "Op", "ab", "replaced", False)
         self.assertTrue(backend.delete(SCOPE, "Op", "ac", True))
         self.assertFalse(backend.delete(SCOPE, "Op", "never", False))
@@ -177,7 +177,7 @@ class InterfaceTest(ServerTestCase):
         self.init_pg()
         backend = interface._KB.session.backend
         for number in range(interface.INLINE_PREFIX_LIMIT + 5):
-            backend.write(("Ascend910B", "32"), "Big", "p%04d" % number, "v", False)
+            backend.write(("soc-a1", "32"), "Big", "p%04d" % number, "v", False)
         seen = []
         real_prefix = backend.prefix
 
@@ -295,7 +295,7 @@ def pg_support_child(body, url, *args):
     return start_python(textwrap.dedent("""
         import sys
         from oxe.common.repository_manager import interface as kb
-        kb.ovra_kb_init({"soc_version": "Ascend910B", "core_num": "32"}, {"op_bank_path": sys.argv[1]})
+        kb.ovra_kb_init({"soc_version": "soc-a1", "core_num": "32"}, {"op_bank_path": sys.argv[1]})
     """) + textwrap.dedent(body), url, *args)
 
 

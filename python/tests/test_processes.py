@@ -13,7 +13,7 @@ from tests.support import KbTestCase, run_python, search, start_python
 PRELUDE = textwrap.dedent("""
     import os, sys, time
     from oxe.common.repository_manager import interface as kb
-    kb.ovra_kb_init({"soc_version": "Ascend910B", "core_num": "32"}, {"op_bank_path": sys.argv[1]})
+    kb.ovra_kb_init({"soc_version": "soc-a1", "core_num": "32"}, {"op_bank_path": sys.argv[1]})
     ADD = {"op_type": "Add"}
 """)
 
@@ -66,7 +66,7 @@ class ProcessTest(KbTestCase):
             bank, go, name, count = sys.argv[1], sys.argv[2], sys.argv[3], int(sys.argv[4])
             while not os.path.exists(go):
                 time.sleep(0.001)
-            kb.ovra_kb_init({"soc_version": "Ascend910B", "core_num": "32"}, {"op_bank_path": bank})
+            kb.ovra_kb_init({"soc_version": "soc-a1", "core_num": "32"}, {"op_bank_path": bank})
             for number in range(count):
                 kb.ovra_kb_write("%s-%04d" % (name, number), name, {"op_type": "Add"}, int(number % 250 == 0))
             kb.ovra_kb_finalize()

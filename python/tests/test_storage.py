@@ -8,7 +8,7 @@ from oxe.common.repository_manager.storage import open_backend, sqlite_backend
 
 from tests.support import KbTestCase
 
-SCOPE = ("Ascend910B", "32")
+SCOPE = ("soc-a1", "32")
 
 
 class BackendTest(KbTestCase):
@@ -26,13 +26,13 @@ class BackendTest(KbTestCase):
         for durable, text in ((False, "v1"), (True, "v2"), (False, "\u7b97\u5b50 '%_\n")):
             self.backend.write(SCOPE, "Add", "k", text, durable)
             self.assertEqual(self.backend.exact(SCOPE, "Add", "k"), [{
-                "soc_version": "Ascend910B", "core_num": "32", "op_type": "Add", "keyword": "k", "knowledge": text}])
+                "soc_version": "soc-a1", "core_num": "32", "op_type": "Add", "keyword": "k", "knowledge": text}])
         self.assertTrue(self.backend.delete(SCOPE, "Add", "k", True))
         self.assertFalse(self.backend.delete(SCOPE, "Add", "k", False))
         self.assertEqual(self.backend.export_all(), [])
 
     def test_each_key_part_separates_records(self):
-        keys = [(SCOPE, "Add", "k"), (("Ascend310P", "32"), "Add", "k"), (("Ascend910B", "8"), "Add", "k"),
+        keys = [(SCOPE, "Add", "k"), (("soc-b2", "32"), "Add", "k"), (("soc-a1", "8"), "Add", "k"),
                 (SCOPE, "Mul", "k"), (SCOPE, "Add", "K"), (SCOPE, "Add", "k ")]
         for number, (scope, op_type, keyword) in enumerate(keys):
             self.backend.write(scope, op_type, keyword, "value%d" % number, False)

@@ -106,16 +106,16 @@ class RoundTripTest(CliTestCase):
 
     def test_json_carries_every_field_and_escapes_text(self):
         knowledge = 'quote " backslash \\ newline \n tab \t bell \x07 unicode \u00e9\u4e2d \U0001F600'
-        self.kb("write", "k1", knowledge, "--op-type", "Conv2D", "--soc", "Ascend310P", "--cores", "16")
-        rows = self.search_json("k1", "--op-type", "Conv2D", "--soc", "Ascend310P", "--cores", "16")
+        self.kb("write", "k1", knowledge, "--op-type", "Conv2D", "--soc", "soc-b2", "--cores", "16")
+        rows = self.search_json("k1", "--op-type", "Conv2D", "--soc", "soc-b2", "--cores", "16")
         self.assertEqual(rows, [{"keyword": "k1", "knowledge": knowledge, "op_type": "Conv2D",
-                                 "soc_version": "Ascend310P", "core_num": "16"}])
+                                 "soc_version": "soc-b2", "core_num": "16"}])
 
     def test_chip_options_scope_the_records(self):
         self.kb("write", "k1", "for 16 cores", "--cores", "16")
         self.assertEqual(len(self.search_json("k1", "--cores", "16")), 1)
         self.assertEqual(self.search_json("k1"), [])
-        self.assertEqual(self.search_json("k1", "--cores", "16", "--soc", "Ascend310P"), [])
+        self.assertEqual(self.search_json("k1", "--cores", "16", "--soc", "soc-b2"), [])
 
     def test_search_types(self):
         for keyword, op_type in (("a1", "MatMul"), ("a2", "MatMul"), ("b1", "MatMul"), ("a1", "Conv2D")):

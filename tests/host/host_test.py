@@ -19,7 +19,7 @@ sys.path.insert(0, os.environ["OVRA_HOST_MODULE_DIR"])
 
 import ovra_host  # noqa: E402
 
-SYS = {"soc_version": "Ascend910B", "core_num": "8"}
+SYS = {"soc_version": "soc-a1", "core_num": "8"}
 LOAD = {"op_bank_path": "/tmp/ovra-host-bank"}
 OP = {"op_type": "Add"}
 

@@ -41,7 +41,7 @@
 
 namespace {
 
-const char *const kSoc = "Ascend910B";
+const char *const kSoc = "soc-a1";
 const char *const kCores = "32";
 
 std::string Escape(const std::string &text)

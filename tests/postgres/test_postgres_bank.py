@@ -23,7 +23,7 @@ PG_CTL = os.environ.get("OVRA_KB_TEST_PG_CTL", "")
 DRIVER = os.environ.get("OVRA_KB_DRIVER", "")
 CLI = os.environ.get("OVRA_KB_CLI", "")
 PACKAGE_DIR = os.environ.get("OVRA_KB_PACKAGE_DIR", "")
-SOC, CORES = "Ascend910B", "32"
+SOC, CORES = "soc-a1", "32"
 SKIP = 77
 
 
@@ -188,7 +188,7 @@ class RoundTripTest(BankTestCase):
 
         # Another process, another chip scope, then the same scope again.
         other = self.session("other")
-        self.assertEqual(other.call("init", "Ascend310P", CORES, self.url).status, 0)
+        self.assertEqual(other.call("init", "soc-b2", CORES, self.url).status, 0)
         self.assertEqual(other.call("search", "*", "all", "").rows, [])
         self.assertEqual(other.call("init", SOC, CORES, self.url).status, 0)
         self.assertEqual([r["keyword"] for r in other.call("search", "MatMul", "all", "").rows],

@@ -15,7 +15,7 @@ using OvraKb::StrMap;
 using Rows = std::vector<StrMap>;
 using Strings = std::vector<std::string>;
 // A configuration every test knowledge base accepts: a chip, a bank, an operator type.
-inline const StrMap SYS = {{"soc_version", "Ascend910B"}, {"core_num", "8"}};
+inline const StrMap SYS = {{"soc_version", "soc-a1"}, {"core_num", "8"}};
 inline const StrMap LOAD = {{"op_bank_path", "/tmp/ovra-bank"}};
 inline const StrMap OP = {{"op_type", "Add"}};
 

@@ -96,7 +96,7 @@ def _check_sys_config(sys_dict):
     if not isinstance(soc_version, str) or not soc_version.strip():
         raise errors.kb_error(
             errors.INVALID_SOC_VERSION,
-            "soc_version is empty or missing; set soc_version to the chip version, for example Ascend910B.",
+            "soc_version is empty or missing; set soc_version to the chip version, for example soc-a1.",
             soc_version=soc_version if soc_version is not None else "",
         )
     core_num = sys_dict.get("core_num")

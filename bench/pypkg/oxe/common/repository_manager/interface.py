@@ -10,7 +10,7 @@ import itertools
 import time
 
 _ROW = {
-    "soc_version": "Ascend910B",
+    "soc_version": "soc-a1",
     "core_num": "8",
     "op_type": "MatMul",
     "keyword": "first",
