@@ -1,8 +1,13 @@
 // The five exported functions, end to end, against the scripted test packages.
 #include <gtest/gtest.h>
 
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
+#include <csignal>
 #include <functional>
 #include <thread>
 
@@ -559,6 +564,93 @@ TEST_F(Api, FailedInitLeavesTheUserCountedUntilFinalised)
     Strings events = LogCapture::Messages(OVRA_LEVEL_EVENT, "ovra_kb_pyfunc_mgr");
     EXPECT_EQ(std::count(events.begin(), events.end(), "OvraKbPyfuncMgr: PyObjectDeinit function end successfully!"),
               1);
+}
+
+// ---- Calls out of order and the host's process ----
+
+TEST_F(Api, CallsWhilePythonIsDownReturnThreeAndTheProcessGoesOn)
+{
+    const std::vector<std::pair<Op, Strings>> misuses = {
+        {Op::SEARCH,
+         {"OvraKbSearch: the knowledge base is not initialised, call OvraKbInit first.",
+          "Failed to call OvraKbSearchReq.", "Run OvraKbSearch Error!"}},
+        {Op::WRITE,
+         {"OvraKbWrite: the knowledge base is not initialised, call OvraKbInit first.", "Run OvraKbWrite Error!"}},
+        {Op::DELETE,
+         {"OvraKbDelete: the knowledge base is not initialised, call OvraKbInit first.", "Run OvraKbDelete Error!"}},
+        {Op::FINALIZE,
+         {"OvraKbFinalize: the knowledge base is not initialised, call OvraKbInit first.",
+          "Run OvraKbFinalize Error!"}},
+    };
+    auto misuseEach = [&](const std::string &when) {
+        for (const auto &misuse : misuses) {
+            StatusCase c;
+            c.op = misuse.first;
+            SCOPED_TRACE(std::string(ModuleFunction(c.op)) + " " + when);
+            LogCapture::Clear();
+            EXPECT_EQ(RunCase(c), 3U);
+            EXPECT_EQ(FailureLines(), misuse.second);
+            if (c.op != Op::FINALIZE) {
+                c.config = {};
+                EXPECT_EQ(RunCase(c), 2U) << "the configuration is checked first";
+            }
+        }
+    };
+    misuseEach("before the first initialisation");
+    for (const char *cycle : {"after the first finalisation", "after a second start and stop"}) {
+        ASSERT_EQ(OvraKbInit(SYS, LOAD), 0U);
+        ASSERT_EQ(OvraKbFinalize(), 0U);
+        misuseEach(cycle);
+    }
+    EXPECT_EQ(scripted_.CallsOf("ovra_kb_finalize").size(), 2U);
+}
+
+using Dispositions = std::vector<std::uintptr_t>;
+
+Dispositions SignalDispositions()
+{
+    Dispositions out;
+    for (int signal : {SIGINT, SIGPIPE, SIGXFSZ}) {
+        struct sigaction action = {};
+        sigaction(signal, nullptr, &action);
+        out.push_back(reinterpret_cast<std::uintptr_t>(action.sa_handler));
+    }
+    return out;
+}
+
+void HostHandler(int) {}
+
+TEST_F(Api, TheHostKeepsItsSignalDispositionsAcrossStartAndStop)
+{
+    const Dispositions before = SignalDispositions();
+    Up();
+    EXPECT_EQ(SignalDispositions(), before);
+    for (int signal : {SIGINT, SIGPIPE, SIGXFSZ}) {
+        std::signal(signal, HostHandler);
+    }
+    const Dispositions installedInBetween = SignalDispositions();
+    EXPECT_EQ(OvraKbFinalize(), 0U);
+    EXPECT_EQ(SignalDispositions(), installedInBetween);
+    for (int signal : {SIGINT, SIGPIPE, SIGXFSZ}) {
+        std::signal(signal, SIG_DFL);
+    }
+}
+
+TEST_F(Api, SigintEndsAHostThatStartedTheLibrary)
+{
+    pid_t child = fork();
+    ASSERT_NE(child, -1);
+    if (child == 0) {
+        std::signal(SIGINT, SIG_DFL);
+        if (OvraKbInit(SYS, LOAD) != 0U) {
+            _exit(3);
+        }
+        kill(getpid(), SIGINT);
+        _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGINT) << "wait status " << status;
 }
 
 }  // namespace

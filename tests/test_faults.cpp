@@ -89,11 +89,12 @@ std::vector<FaultCase> FaultCases()
          "", "", Recovery::FIX_PATH_THEN_SUCCEED},
         {"wrong_libdir",
          [](const TempDir &dir) { PutAnsweringPythonFirst(dir, RealQuery("LDLIBRARY"), "/nonexistent/lib"); },
-         Concat(Concat({"Python install path[/nonexistent/lib/" + RealQuery("LDLIBRARY") +
-                        "] is invalid, please confirm that the environmentvariable [ld_library_path] or [ldconfig] has "
-                        "configured the path of the pythonlibrary."},
-                       loadFailed),
-                START_UP_FAILED),
+         Concat(
+             Concat({"Python install path[/nonexistent/lib/" + RealQuery("LDLIBRARY") +
+                     "] is invalid, please confirm that the environment\" \"variable [ld_library_path] or [ldconfig] "
+                     "has configured the path of the python\" \"library."},
+                    loadFailed),
+             START_UP_FAILED),
          "", "", Recovery::FIX_PATH_THEN_SUCCEED},
         {"knowledge_module_missing", [](const TempDir &) { OvraTest::UsePackages({"log"}); },
          Concat({"OVRA_KB import ovraKbInterface_ error", "PyObjectInit: Run Init error."}, START_UP_FAILED), "EC0010",

@@ -19,8 +19,8 @@ const char *const NAME_PROGRAM = "import sysconfig; print(sysconfig.get_config_v
 const char *const DIR_PROGRAM = "import sysconfig; print(sysconfig.get_config_var(\"LIBDIR\"))";
 const char *const DIR_QUERY = "python3 -c \"import sysconfig; print(sysconfig.get_config_var(\\\"LIBDIR\\\"))\"";
 const char *const INVALID_PATH_LINE =
-    "Python install path[%s] is invalid, please confirm that the environmentvariable [ld_library_path] or "
-    "[ldconfig] has configured the path of the pythonlibrary.";
+    "Python install path[%s] is invalid, please confirm that the environment\" \"variable [ld_library_path] or "
+    "[ldconfig] has configured the path of the python\" \"library.";
 
 OvraKb::HandleManager &Api()
 {

@@ -8,9 +8,19 @@
  * Call order: OvraKbInit, then any number of OvraKbSearch / OvraKbWrite / OvraKbDelete
  * from any thread, then OvraKbFinalize. Several users may each call OvraKbInit; the
  * Python side starts once and is torn down by the finalisation that matches the first
- * initialisation still outstanding. Do not finalise while another thread's operation runs,
- * and do not call search, write, delete or finalise in a process where no OvraKbInit has
- * ever brought the Python side up (status other than 3).
+ * initialisation still outstanding. Do not finalise while another thread's operation runs.
+ *
+ * Called out of order, the functions return a status instead of crashing: search, write,
+ * delete and finalise return 3 (after their configuration check, so a missing "op_type"
+ * still gives 2) and log one error line saying that the knowledge base is not initialised,
+ * when no OvraKbInit has brought the Python side up yet, or when the last OvraKbFinalize
+ * has taken it down again. The order above is still the contract: the check only turns what
+ * would be a crash into a status, and a caller who keeps the order never sees it.
+ *
+ * Signals: when this library starts the interpreter, it keeps the process's dispositions of
+ * SIGINT, SIGPIPE and SIGXFSZ as the host had them (Python would install its own SIGINT
+ * handler and ignore the other two), and keeps them again across the interpreter's
+ * finalisation. A host that runs its own interpreter keeps whatever it set up.
  *
  * Every function returns a status (see the OVRA_KB_* constants below); failures are also
  * written to the platform log with the Python traceback when Python raised.
@@ -65,7 +75,7 @@ std::uint32_t OvraKbInit(const OvraKb::StrMap &sysConfigMap, const OvraKb::StrMa
  * Calls the knowledge base's "ovra_kb_finalize"; only if that succeeded, releases one user
  * of the Python side (the last user stops the interpreter this library started and unloads
  * the runtime it loaded). Returns 0, or 6 when the module is missing or raised; the Python
- * side then stays up and a later call tries again.
+ * side then stays up and a later call tries again. Returns 3 when the Python side is not up.
  */
 std::uint32_t OvraKbFinalize();
 
@@ -75,8 +85,9 @@ std::uint32_t OvraKbFinalize();
  *   searchConfigMap: must hold "op_type"; an optional "search_type" is passed on (None when absent).
  *   results:         one StrMap per result row is appended; rows already present are kept in front.
  * Returns 0 (also when the module's result list is empty or not a list); 2 for a missing
- * "op_type" or a completion flag whose truth test raised; 4; 5; or 6 when the module is
- * missing, raised, or answered the request with anything but a non-empty str.
+ * "op_type" or a completion flag whose truth test raised; 3 when the Python side is not up;
+ * 4; 5; or 6 when the module is missing, raised, or answered the request with anything but a
+ * non-empty str.
  */
 std::uint32_t OvraKbSearch(const std::string &keyword, const OvraKb::StrMap &searchConfigMap,
                            std::vector<OvraKb::StrMap> &results);
@@ -87,8 +98,8 @@ std::uint32_t OvraKbSearch(const std::string &keyword, const OvraKb::StrMap &sea
  *   writeConfigMap:     must hold "op_type"; other keys are ignored.
  *   flag:               passed as the integer 1 (true) or 0 (false); the reference knowledge
  *                       base makes the record durable before returning when it is true.
- * Returns 0; 2 for a missing "op_type"; 4; 5; or 6 when the module is missing, raised, or
- * answered anything but the integer 0.
+ * Returns 0; 2 for a missing "op_type"; 3 when the Python side is not up; 4; 5; or 6 when
+ * the module is missing, raised, or answered anything but the integer 0.
  */
 std::uint32_t OvraKbWrite(const std::string &keyword, const std::string &knowledge,
                           const OvraKb::StrMap &writeConfigMap, const bool &flag);

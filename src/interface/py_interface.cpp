@@ -109,19 +109,51 @@ void SleepOnePollInterval()
     }
 }
 
+// Whether the Python side can take a call: the table is bound and its interpreter runs. Checked after
+// the configuration so that a misused call returns a status instead of jumping through a stale table.
+bool PythonSideIsUp()
+{
+    HandleManager &api = PyApi();
+    return api.IsInited() && api.Py_IsInitialized() != 0;
+}
+
+// The failure lines of one change operation, each written with its own literal format.
+struct ChangeMessages {
+    void (*dictNotCreated)();
+    void (*callFailed)();
+    void (*notInitialised)();
+};
+
+const ChangeMessages WRITE_MESSAGES = {
+    [] { OVRA_KB_LOG(OVRA_LEVEL_ERROR, "OvraKbWrite: create new pydict failed."); },
+    [] { OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Failed to call ovra_kb_write."); },
+    [] { OVRA_KB_LOG(OVRA_LEVEL_ERROR, "OvraKbWrite: the knowledge base is not initialised, call OvraKbInit first."); },
+};
+
+const ChangeMessages DELETE_MESSAGES = {
+    [] { OVRA_KB_LOG(OVRA_LEVEL_ERROR, "OvraKbDelete: create new pydict failed."); },
+    [] { OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Failed to call ovra_kb_delete."); },
+    [] {
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "OvraKbDelete: the knowledge base is not initialised, call OvraKbInit first.");
+    },
+};
+
 // Write and delete: check, lock, argument dictionary, one module call whose answer must be the int 0.
 template <typename CallModule>
-std::uint32_t RunChange(const char *operation, const char *pyFunction, const StrMap &writeConfigMap,
-                        CallModule callModule)
+std::uint32_t RunChange(const ChangeMessages &messages, const StrMap &writeConfigMap, CallModule callModule)
 {
     std::uint32_t status = CheckSearchConfigMap(writeConfigMap);
     if (status != OVRA_KB_SUCCESS) {
         return status;
     }
+    if (!PythonSideIsUp()) {
+        messages.notInitialised();
+        return OVRA_KB_PYTHON_UNAVAILABLE;
+    }
     GilGuard gil;
     PyObject *dict = PyApi().PyDict_New();
     if (dict == nullptr) {
-        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "%s: create new pydict failed.", operation);
+        messages.dictNotCreated();
         return OVRA_KB_DICT_CREATION_FAILED;
     }
     if (GetParamsFromWriteConfig(writeConfigMap, dict) != OVRA_KB_SUCCESS) {
@@ -134,7 +166,7 @@ std::uint32_t RunChange(const char *operation, const char *pyFunction, const Str
     // control block on every call.
     PyObjectPtr reply = module != nullptr ? HoldReply(callModule(module, dict)) : PyObjectPtr();
     if (reply.get() == nullptr || !ParsesAsZero(reply)) {
-        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Failed to call %s.", pyFunction);
+        messages.callFailed();
         return OVRA_KB_PYTHON_CALL_FAILED;
     }
     return OVRA_KB_SUCCESS;
@@ -263,6 +295,10 @@ std::uint32_t OvraKbSearchReq(const std::string &keyword, const StrMap &searchCo
     if (status != OVRA_KB_SUCCESS) {
         return status;
     }
+    if (!PythonSideIsUp()) {
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "OvraKbSearch: the knowledge base is not initialised, call OvraKbInit first.");
+        return OVRA_KB_PYTHON_UNAVAILABLE;
+    }
     HandleManager &api = PyApi();
     GilGuard gil;
     // Declared after the guard: the dictionary is dropped while the lock is still held.
@@ -355,6 +391,10 @@ std::uint32_t OvraKbInit(const StrMap &sysConfigMap, const StrMap &loadConfigMap
 
 std::uint32_t OvraKbFinalize()
 {
+    if (!PythonSideIsUp()) {
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "OvraKbFinalize: the knowledge base is not initialised, call OvraKbInit first.");
+        return OVRA_KB_PYTHON_UNAVAILABLE;
+    }
     HandleManager &api = PyApi();
     GilGuard gil;
     PyObject *module = KbModule();
@@ -373,7 +413,7 @@ std::uint32_t OvraKbFinalize()
 std::uint32_t OvraKbWrite(const std::string &keyword, const std::string &knowledge, const StrMap &writeConfigMap,
                           const bool &flag)
 {
-    return RunChange("OvraKbWrite", "ovra_kb_write", writeConfigMap, [&](PyObject *module, PyObject *dict) {
+    return RunChange(WRITE_MESSAGES, writeConfigMap, [&](PyObject *module, PyObject *dict) {
         return PyApi().PyObject_CallMethod(module, "ovra_kb_write", "ssOi", keyword.c_str(), knowledge.c_str(), dict,
                                            static_cast<int>(flag));
     });
@@ -381,7 +421,7 @@ std::uint32_t OvraKbWrite(const std::string &keyword, const std::string &knowled
 
 std::uint32_t OvraKbDelete(const std::string &keyword, const StrMap &writeConfigMap, const bool &flag)
 {
-    return RunChange("OvraKbDelete", "ovra_kb_delete", writeConfigMap, [&](PyObject *module, PyObject *dict) {
+    return RunChange(DELETE_MESSAGES, writeConfigMap, [&](PyObject *module, PyObject *dict) {
         return PyApi().PyObject_CallMethod(module, "ovra_kb_delete", "sOi", keyword.c_str(), dict,
                                            static_cast<int>(flag));
     });

@@ -1,6 +1,9 @@
 #include "pyfunc/ovra_kb_pyfunc_mgr.h"
 
 #include <dlfcn.h>
+#include <signal.h>
+
+#include <array>
 
 #include "common/common.h"
 #include "runtime/handle_manager.h"
@@ -20,6 +23,32 @@ const char *const ADOPT_THREADING_MAIN_THREAD =
     "main = getattr(threading, '_main_thread', None)\n"
     "if main is not None and getattr(main, '_ident', None) not in (None, threading.get_ident()):\n"
     "    main._ident = threading.get_ident()\n";
+
+// Python installs its own SIGINT handler and ignores SIGPIPE and SIGXFSZ when it starts, and resets
+// the handlers it believes are its own when it stops. The host's dispositions of these signals are
+// recorded before either step and put back as soon as it returns, so that a host's Ctrl-C still
+// ends it and a handler that it installed in between survives.
+class HostSignalDispositions {
+  public:
+    HostSignalDispositions()
+    {
+        for (size_t i = 0; i < KEPT_SIGNALS.size(); ++i) {
+            (void)sigaction(KEPT_SIGNALS[i], nullptr, &saved_[i]);
+        }
+    }
+    ~HostSignalDispositions()
+    {
+        for (size_t i = 0; i < KEPT_SIGNALS.size(); ++i) {
+            (void)sigaction(KEPT_SIGNALS[i], &saved_[i], nullptr);
+        }
+    }
+    HostSignalDispositions(const HostSignalDispositions &) = delete;
+    HostSignalDispositions &operator=(const HostSignalDispositions &) = delete;
+
+  private:
+    static constexpr std::array<int, 3> KEPT_SIGNALS = {SIGINT, SIGPIPE, SIGXFSZ};
+    std::array<struct sigaction, KEPT_SIGNALS.size()> saved_{};
+};
 
 void AdoptThreadingMainThread()
 {
@@ -54,6 +83,7 @@ void OvraKbPyfuncMgr::PyEnvInit()
     } else {
         OVRA_KB_LOG(OVRA_LEVEL_EVENT, "Start to run Py_IsInitialized now.");
         pyAlreadyInited_ = false;
+        HostSignalDispositions hostSignals;
         api.Py_Initialize();
     }
     if (api.PyEval_ThreadsInitialized() == 0) {
@@ -76,6 +106,7 @@ void OvraKbPyfuncMgr::PyEnvDeinit()
             api.PyEval_RestoreThread(savedThreadState_);
         }
         AdoptThreadingMainThread();
+        HostSignalDispositions hostSignals;
         api.Py_Finalize();
     }
     (void)api.HandleClose();

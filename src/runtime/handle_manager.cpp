@@ -88,9 +88,10 @@ bool HandleManager::LaunchDynamicLib()
     // RTLD_GLOBAL puts the runtime into the global scope, where a later start-up finds Py_Initialize.
     dlHandle_ = dlopen(path.c_str(), RTLD_NOW | RTLD_GLOBAL);
     if (dlHandle_ == nullptr) {
+        // The two quote-space-quote sequences are part of the message as it is written.
         OVRA_KB_LOG(OVRA_LEVEL_ERROR,
-                    "Python install path[%s] is invalid, please confirm that the environment"
-                    "variable [ld_library_path] or [ldconfig] has configured the path of the python"
+                    "Python install path[%s] is invalid, please confirm that the environment\" \""
+                    "variable [ld_library_path] or [ldconfig] has configured the path of the python\" \""
                     "library.",
                     path.c_str());
         return false;

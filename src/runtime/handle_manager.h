@@ -1,6 +1,7 @@
 #ifndef OVRA_KB_RUNTIME_HANDLE_MANAGER_H
 #define OVRA_KB_RUNTIME_HANDLE_MANAGER_H
 
+#include <atomic>
 #include <mutex>
 #include <string>
 #include <type_traits>
@@ -49,7 +50,8 @@ class HandleManager : public Singleton<HandleManager> {
     void *dlHandle_ = nullptr;
     std::mutex handleMtx_;
     bool isLoaded_ = false;
-    bool isInited_ = false;
+    // Atomic because the operations' not-initialised guard reads it without the mutex.
+    std::atomic<bool> isInited_{false};
 };
 
 // The process's handle manager, whose table every Python call goes through.

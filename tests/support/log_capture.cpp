@@ -1,5 +1,7 @@
 #include "log_capture.h"
 
+#include "log_formats.h"
+
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -135,6 +137,8 @@ extern "C" void DlogInner(int moduleId, int level, const char *fmt, ...)
         fprintf(stderr, "[level %d] %s", level, raw.c_str());
     }
     OvraTest::LogLine line = OvraTest::Parse(moduleId, level, raw);
+    line.format = fmt;
+    OvraTest::CheckFormat(line.file, line.format);
     OvraTest::Capture &state = OvraTest::State();
     std::lock_guard<std::mutex> lock(state.mutex);
     state.lines.push_back(line);

@@ -19,6 +19,7 @@ struct LogLine {
     int tid = 0;
     std::string message;  // the text between the quotes
     std::string raw;      // the whole formatted line
+    std::string format;   // the format string the line was written with
 };
 
 class LogCapture {

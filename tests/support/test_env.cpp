@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -39,10 +40,11 @@ TempDir::TempDir()
     path_ = pattern;
 }
 
+// Removed without a shell: a test may have emptied PATH, and the directory must go all the same.
 TempDir::~TempDir()
 {
-    std::string command = "rm -rf '" + path_ + "'";
-    (void)system(command.c_str());
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
 }
 
 void WriteFile(const std::string &path, const std::string &text, bool executable)
