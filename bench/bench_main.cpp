@@ -203,6 +203,21 @@ void SearchFirstPoll(benchmark::State &state, const Bridge *bridge)
     }
 }
 
+// A thread that makes one write and ends: its start, its one call with whatever the bridge does for a
+// thread it has never seen, and its exit, per iteration.
+void WriteOnNewThread(benchmark::State &state, const Bridge *bridge)
+{
+    const std::string keyword = "m128_n128_k64";
+    const std::string knowledge = "tile 128x128, k-step 64";
+    for (auto _ : state) {
+        std::uint32_t status = 0;
+        std::thread([&] { status = bridge->write(keyword, knowledge, OP_CONFIG, false); }).join();
+        if (!Succeeded(state, status, "write")) {
+            break;
+        }
+    }
+}
+
 double Median(std::vector<double> values)
 {
     if (values.empty()) {
@@ -330,6 +345,7 @@ void RegisterOps(const Options &options)
             Register("search_after_5ms" + suffix, options.threads, SearchAfter, bridge, 5);
         }
         Register("init_finalize" + suffix, options.threads, InitFinalize, bridge);
+        Register("write_on_new_thread" + suffix, {1}, WriteOnNewThread, bridge);
     }
 }
 
