@@ -5,7 +5,10 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <functional>
+#include <memory>
 #include <mutex>
+#include <set>
 #include <thread>
 
 #include "log_capture.h"
@@ -176,6 +179,152 @@ TEST_F(Threads, SearchesWaitingOnSeveralThreadsLeaveTheLockToEachOther)
     // Run one after another the searches would need at least 8 x 50 ms.
     EXPECT_LT(elapsed, std::chrono::milliseconds(390)) << "the waits of the searches must overlap";
     EXPECT_EQ(OvraKbFinalize(), 0U);
+}
+
+// ---- Native threads keep one Python thread state for all their calls ----
+
+// A native thread that runs the jobs it is given, one at a time, until it is stopped.
+class Worker {
+  public:
+    Worker() : thread_([this] { Run(); }) {}
+    ~Worker() { Stop(); }
+    void Do(std::function<void()> job)
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        job_ = std::move(job);
+        changed_.notify_all();
+        changed_.wait(lock, [this] { return !job_; });
+    }
+    void Stop()
+    {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            stopping_ = true;
+            changed_.notify_all();
+        }
+        if (thread_.joinable()) {
+            thread_.join();
+        }
+    }
+
+  private:
+    void Run()
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        for (;;) {
+            changed_.wait(lock, [this] { return stopping_ || job_; });
+            if (!job_) {
+                return;
+            }
+            job_();
+            job_ = nullptr;
+            changed_.notify_all();
+        }
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::function<void()> job_;
+    bool stopping_ = false;
+    std::thread thread_;
+};
+
+// A write with op type "count" notes the live thread states; any other notes the caller's state.
+const char *const STATE_SCRIPT = R"js({"ovra_kb_write": [
+  "note(live_thread_states()) if args[2]['op_type'] == 'count' else note(thread_state_serial())"]})js";
+
+class KeptStates : public Threads {
+  protected:
+    void SetUp() override
+    {
+        Threads::SetUp();
+        scripted_.SetScript(STATE_SCRIPT);
+    }
+    // The thread-state numbers that `calls` writes on the worker saw.
+    std::set<std::string> SerialsOf(Worker &worker, int calls)
+    {
+        scripted_.ClearRecord();
+        worker.Do([calls] {
+            for (int i = 0; i < calls; ++i) {
+                EXPECT_EQ(OvraKbWrite("kw", "text", OP, false), 0U);
+            }
+        });
+        Strings notes = scripted_.Notes();
+        EXPECT_EQ(notes.size(), static_cast<size_t>(calls));
+        return std::set<std::string>(notes.begin(), notes.end());
+    }
+    long LiveThreadStates()
+    {
+        EXPECT_EQ(OvraKbWrite("kw", "", {{"op_type", "count"}}, false), 0U);
+        return std::stol(scripted_.Notes().back());
+    }
+};
+
+TEST_F(KeptStates, ANativeThreadMakesOneStateForAThousandCallsAndANewOneAfterARestart)
+{
+    constexpr int WORKERS = 8;
+    std::vector<std::unique_ptr<Worker>> workers;
+    for (int i = 0; i < WORKERS; ++i) {
+        workers.push_back(std::make_unique<Worker>());
+    }
+    ASSERT_EQ(OvraKbInit(SYS, LOAD), 0U);
+    std::set<std::string> first = SerialsOf(*workers[0], 1000);
+    EXPECT_EQ(first.size(), 1U) << "one thread state for all the calls of one native thread";
+    std::vector<std::set<std::string>> before;
+    for (auto &worker : workers) {
+        before.push_back(SerialsOf(*worker, 5));
+        ASSERT_EQ(before.back().size(), 1U);
+    }
+    EXPECT_EQ(before[0], first);
+    ASSERT_EQ(OvraKbFinalize(), 0U);
+
+    ASSERT_EQ(OvraKbInit(SYS, LOAD), 0U);
+    std::set<std::string> seen;
+    for (int i = 0; i < WORKERS; ++i) {
+        std::set<std::string> after = SerialsOf(*workers[i], 5);
+        ASSERT_EQ(after.size(), 1U);
+        EXPECT_NE(after, before[i]) << "worker " << i << " must get a fresh state from the new interpreter";
+        seen.insert(after.begin(), after.end());
+    }
+    EXPECT_EQ(seen.size(), static_cast<size_t>(WORKERS));
+    EXPECT_EQ(LiveThreadStates(), WORKERS);
+    workers.resize(WORKERS / 2);  // four end while the library is up: their states go with them
+    EXPECT_EQ(LiveThreadStates(), WORKERS / 2);
+    ASSERT_EQ(OvraKbFinalize(), 0U);
+    workers.clear();  // the others end after the interpreter is gone
+}
+
+TEST_F(KeptStates, TwoHundredThreadsThatEndLeaveNoStateBehind)
+{
+    ASSERT_EQ(OvraKbInit(SYS, LOAD), 0U);
+    const long before = LiveThreadStates();
+    for (int batch = 0; batch < 25; ++batch) {
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 8; ++t) {
+            threads.emplace_back([] {
+                for (int call = 0; call < 3; ++call) {
+                    EXPECT_EQ(OvraKbWrite("kw", "text", OP, false), 0U);
+                }
+            });
+        }
+        for (std::thread &thread : threads) {
+            thread.join();
+        }
+    }
+    EXPECT_EQ(LiveThreadStates(), before);
+    ASSERT_EQ(OvraKbFinalize(), 0U);
+}
+
+TEST_F(KeptStates, AThreadThatEndsWhileAnotherFinalisesTouchesNothingOfPython)
+{
+    for (int round = 0; round < 20; ++round) {
+        ASSERT_EQ(OvraKbInit(SYS, LOAD), 0U);
+        Worker worker;
+        worker.Do([] { EXPECT_EQ(OvraKbWrite("kw", "text", OP, false), 0U); });
+        std::thread ending([&worker] { worker.Stop(); });
+        EXPECT_EQ(OvraKbFinalize(), 0U);
+        ending.join();
+    }
 }
 
 }  // namespace

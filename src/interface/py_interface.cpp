@@ -16,15 +16,22 @@ PyObject *KbModule()
     return Singleton<OvraKbPyfuncMgr>::Instance().GetOvraKbInterface().get();
 }
 
-// Holds the interpreter lock for the life of the object, from any thread.
+// Holds the interpreter lock for the life of the object, from any thread. The thread keeps its Python
+// thread state between calls, so the lock functions only restore and park it.
 class GilGuard {
   public:
-    GilGuard() : state_(PyApi().PyGILState_Ensure()) {}
+    GilGuard() : state_(EnsureWithKeptThreadState()) {}
     ~GilGuard() { PyApi().PyGILState_Release(state_); }
     GilGuard(const GilGuard &) = delete;
     GilGuard &operator=(const GilGuard &) = delete;
 
   private:
+    static PyGILState_STATE EnsureWithKeptThreadState()
+    {
+        OvraKbPyfuncMgr::KeepCallerThreadState();
+        return PyApi().PyGILState_Ensure();
+    }
+
     PyGILState_STATE state_;
 };
 

@@ -62,10 +62,69 @@ void AdoptThreadingMainThread()
     }
 }
 
+// The Python thread state that a thread keeps between its calls, and the interpreter it belongs to.
+// A null state with a current generation marks a thread whose state is owned elsewhere.
+struct KeptThreadState {
+    std::uint64_t generation = 0;
+    PyThreadState *state = nullptr;
+
+    KeptThreadState() = default;
+    KeptThreadState(const KeptThreadState &) = delete;
+    KeptThreadState &operator=(const KeptThreadState &) = delete;
+    ~KeptThreadState() { GiveBack(); }
+
+    // Runs as the thread ends. The state is given back through the lock functions rather than by
+    // restoring the pointer: if Python already deleted it (a Python thread's own end does), the
+    // ensure makes a fresh one and the first release deletes that, which the check then sees.
+    void GiveBack()
+    {
+        if (state == nullptr) {
+            return;
+        }
+        std::lock_guard<std::mutex> lock(OvraKbPyfuncMgr::gKeptStatesMtx_);
+        HandleManager &api = PyApi();
+        if (generation != OvraKbPyfuncMgr::interpreterGeneration_.load() || !api.IsInited() ||
+            api.Py_IsInitialized() == 0) {
+            return;
+        }
+        PyGILState_STATE restored = api.PyGILState_Ensure();
+        api.PyGILState_Release(PyGILState_LOCKED);
+        if (api.PyGILState_Check() == 1) {
+            api.PyGILState_Release(restored);
+        }
+        state = nullptr;
+    }
+};
+
+thread_local KeptThreadState tKeptThreadState;
+
 }  // namespace
 
 std::atomic<std::uint64_t> OvraKbPyfuncMgr::reference_{0};
 std::mutex OvraKbPyfuncMgr::gInitPyFuncMtx_;
+std::atomic<std::uint64_t> OvraKbPyfuncMgr::interpreterGeneration_{1};
+std::mutex OvraKbPyfuncMgr::gKeptStatesMtx_;
+
+void OvraKbPyfuncMgr::KeepCallerThreadState()
+{
+    std::uint64_t generation = interpreterGeneration_.load(std::memory_order_acquire);
+    KeptThreadState &kept = tKeptThreadState;
+    if (kept.generation == generation) {
+        return;
+    }
+    // A state kept for an earlier interpreter went with it; this thread needs a new one.
+    kept.generation = generation;
+    kept.state = nullptr;
+    HandleManager &api = PyApi();
+    // One ensure that is never matched keeps the state alive; parking it frees the lock again.
+    PyGILState_STATE state = api.PyGILState_Ensure();
+    if (state == PyGILState_LOCKED) {
+        // The thread held the lock already, so its state belongs to its owner.
+        api.PyGILState_Release(state);
+        return;
+    }
+    kept.state = api.PyEval_SaveThread();
+}
 
 // The handle manager is built first so that it is destroyed last: the module reference this
 // object drops at exit is released through the manager's table.
@@ -96,12 +155,19 @@ void OvraKbPyfuncMgr::PyEnvInit()
     // Park this thread's state so that the global lock is free for every caller thread.
     OVRA_KB_LOG(OVRA_LEVEL_EVENT, "Start to run PyEval_SaveThread now.");
     savedThreadState_ = api.PyEval_SaveThread();
+    // That state is the interpreter's own: this thread keeps no other.
+    tKeptThreadState.generation = interpreterGeneration_.load();
+    tKeptThreadState.state = nullptr;
 }
 
 void OvraKbPyfuncMgr::PyEnvDeinit()
 {
     HandleManager &api = PyApi();
     if (!pyAlreadyInited_ && api.Py_IsInitialized() != 0) {
+        // Py_Finalize deletes every thread state, the kept ones too: threads forget theirs. The lock comes
+        // before the interpreter lock, as on a thread that gives its state back.
+        std::lock_guard<std::mutex> keptStates(gKeptStatesMtx_);
+        ++interpreterGeneration_;
         if (savedThreadState_ != nullptr) {
             api.PyEval_RestoreThread(savedThreadState_);
         }

@@ -24,6 +24,12 @@ class OvraKbPyfuncMgr : public Singleton<OvraKbPyfuncMgr> {
     void PyEnvInit();
     void PyEnvDeinit();
 
+    // Gives the calling thread, before it takes the interpreter lock, a Python thread state that lasts
+    // until the thread ends or this library finalises the interpreter, instead of one made and destroyed
+    // by every call. A thread that owns a state already (the initialising thread, a host's Python thread)
+    // is left as it is.
+    static void KeepCallerThreadState();
+
     PyThreadState *SavedThreadState() const { return savedThreadState_; }
     bool PyAlreadyInited() const { return pyAlreadyInited_; }
 
@@ -32,6 +38,11 @@ class OvraKbPyfuncMgr : public Singleton<OvraKbPyfuncMgr> {
     static std::atomic<std::uint64_t> reference_;
     // Serialises start-up and tear-down; the outermost lock of the library.
     static std::mutex gInitPyFuncMtx_;
+    // Counts the interpreters this library finalised: the thread states kept for one die with it.
+    static std::atomic<std::uint64_t> interpreterGeneration_;
+    // Taken around this library's Py_Finalize and by a thread that gives its kept state back as it ends,
+    // so that the two never overlap. Taken before the interpreter lock, never while holding it.
+    static std::mutex gKeptStatesMtx_;
 
   private:
     friend class Singleton<OvraKbPyfuncMgr>;

@@ -16,6 +16,7 @@ import os
 import sys
 import threading
 import time
+import weakref
 
 _lock = threading.Lock()
 _calls = {}
@@ -83,6 +84,37 @@ def traceback_line_lists():
                if type(o) is list and o and o[0] == "Traceback (most recent call last):\n")
 
 
+class _ThreadStateMarker(object):
+    """Lives as long as the Python thread state on which it was made (it is kept in a thread-local)."""
+
+
+_per_thread_state = threading.local()
+_live_markers = weakref.WeakSet()
+_serials = [0]
+# Tells this interpreter's numbers from those of an earlier one in the same process.
+_interpreter = os.urandom(4).hex()
+
+
+def thread_state_serial():
+    """A name for the calling thread's Python thread state: the same for every call made on one state,
+    a new one for a new state."""
+    marker = getattr(_per_thread_state, "marker", None)
+    if marker is None:
+        marker = _ThreadStateMarker()
+        with _lock:
+            _serials[0] += 1
+            marker.serial = "%s-%d" % (_interpreter, _serials[0])
+            _live_markers.add(marker)
+        _per_thread_state.marker = marker
+    return marker.serial
+
+
+def live_thread_states():
+    """Thread states still alive among those that thread_state_serial saw."""
+    gc.collect()
+    return len(_live_markers)
+
+
 def _script():
     path = os.environ.get("OVRA_TEST_SCRIPT")
     if not path or not os.path.exists(path):
@@ -118,6 +150,7 @@ def call(name, args, default):
     scope = {"args": args, "state": state, "fail": fail, "BadBool": BadBool, "poll_after": poll_after,
              "finish_after_ms": finish_after_ms, "note": note, "time": time, "sys": sys,
              "extra_refs": extra_refs, "tracked_objects": tracked_objects,
-             "traceback_line_lists": traceback_line_lists,
+             "traceback_line_lists": traceback_line_lists, "thread_state_serial": thread_state_serial,
+             "live_thread_states": live_thread_states,
              "default": lambda: default(*args)}
     return eval(expression, scope)
