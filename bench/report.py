@@ -3,7 +3,7 @@
     python3 bench/report.py RESULTS_DIR OUTPUT
 
 RESULTS_DIR holds meta.json, load.txt and one directory per interpreter label with the Google Benchmark
-JSON files (ops_init_cpu*.json, ops_other_cpu*.json, ops_multi.json, cold_cpu*.json,
+JSON files (ops_init_cpu*.json, ops_other_cpu*.json, ops_multi*.json, cold_cpu*.json,
 reference_cpu*.json), info.json, calls.tsv (instructions per call) and resident.tsv (bytes kept per call).
 Medians are taken over every repetition of every file of a kind (the single-thread files come from runs
 pinned to each CPU in turn).
@@ -33,8 +33,8 @@ OPS = [
 CALLERS = [
     ("init", "ops_init_cpu*.json", 1, "initialising thread"),
     ("other", "ops_other_cpu*.json", 1, "another thread"),
-    ("multi2", "ops_multi.json", 2, "2 other threads"),
-    ("multi8", "ops_multi.json", 8, "8 other threads"),
+    ("multi2", "ops_multi*.json", 2, "2 other threads"),
+    ("multi8", "ops_multi*.json", 8, "8 other threads"),
 ]
 GOAL_RATIOS = [("write_flag0", 1.2), ("write_flag1", 1.2), ("delete", 1.2), ("search_first_poll", 1.3)]
 # Native threads keep their thread state: from them a call may cost at most this much more than from the
@@ -128,7 +128,11 @@ class Version(object):
             paths = sorted(glob.glob(os.path.join(directory, pattern)))
             self.ops[key] = repetitions(paths)
             if key in ("init", "other"):
-                self.per_cpu[key] = [repetitions([path]) for path in paths]
+                # One CPU's results may come from several processes (ops_other_cpu0.library.json, ...).
+                by_cpu = {}
+                for path in paths:
+                    by_cpu.setdefault(os.path.basename(path).split(".")[0], []).append(path)
+                self.per_cpu[key] = [repetitions(group) for _cpu, group in sorted(by_cpu.items())]
         self.cold = repetitions(sorted(glob.glob(os.path.join(directory, "cold_cpu*.json"))))
         self.reference = repetitions(sorted(glob.glob(os.path.join(directory, "reference_cpu*.json"))))
         self.errors = errors(sorted(glob.glob(os.path.join(directory, "*.json"))))

@@ -60,6 +60,7 @@ common=(--benchmark_repetitions="$repetitions" --benchmark_min_time="$min_time"
     --benchmark_enable_random_interleaving=true --benchmark_out_format=json)
 
 labels=()
+bridge_groups=("library=/library(/|$)" "peers=/(capi|pybind11|capi_mirror)(/|$)")
 while IFS='=' read -r label program; do
     [ -n "$label" ] || continue
     labels+=("$label")
@@ -79,15 +80,24 @@ while IFS='=' read -r label program; do
         settle "ops_init_cpu$cpu"
         taskset -c "$cpu" "$exe" --ovra_mode=ops --ovra_init_thread=main --ovra_threads=1 "${common[@]}" \
             --benchmark_out="$dir/ops_init_cpu$cpu.json" >"$dir/ops_init_cpu$cpu.log"
-        note "CPython $version: operations, another thread, CPU $cpu"
-        settle "ops_other_cpu$cpu"
-        taskset -c "$cpu" "$exe" --ovra_mode=ops --ovra_init_thread=helper --ovra_threads=1 "${common[@]}" \
-            --benchmark_out="$dir/ops_other_cpu$cpu.json" >"$dir/ops_other_cpu$cpu.log"
+        # The library keeps a thread state for a native thread that calls it, and every later bridge on that
+        # thread would find it: from threads other than the initialising one, the library and its peers run
+        # in processes of their own.
+        for group in "${bridge_groups[@]}"; do
+            note "CPython $version: operations, another thread, CPU $cpu, ${group%%=*}"
+            settle "ops_other_cpu$cpu.${group%%=*}"
+            taskset -c "$cpu" "$exe" --ovra_mode=ops --ovra_init_thread=helper --ovra_threads=1 "${common[@]}" \
+                --benchmark_filter="${group#*=}" --benchmark_out="$dir/ops_other_cpu$cpu.${group%%=*}.json" \
+                >"$dir/ops_other_cpu$cpu.${group%%=*}.log"
+        done
     done
-    note "CPython $version: operations, 2 and 8 threads"
-    settle "ops_multi"
-    "$exe" --ovra_mode=ops --ovra_init_thread=helper --ovra_threads=2,8 "${common[@]}" \
-        --benchmark_out="$dir/ops_multi.json" >"$dir/ops_multi.log"
+    for group in "${bridge_groups[@]}"; do
+        note "CPython $version: operations, 2 and 8 threads, ${group%%=*}"
+        settle "ops_multi.${group%%=*}"
+        "$exe" --ovra_mode=ops --ovra_init_thread=helper --ovra_threads=2,8 "${common[@]}" \
+            --benchmark_filter="${group#*=}" --benchmark_out="$dir/ops_multi.${group%%=*}.json" \
+            >"$dir/ops_multi.${group%%=*}.log"
+    done
 
     for cpu in "${cpus[@]}"; do
         note "CPython $version: cold start-up, CPU $cpu"
