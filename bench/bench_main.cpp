@@ -12,8 +12,8 @@
 //   --ovra_threads=1,2,8     the caller thread counts to register
 //   --ovra_mode=calls --ovra_op=OP --ovra_bridge=BRIDGE --ovra_calls=N
 //                            makes N calls of one operation (write_flag0, write_flag1, delete,
-//                            search_first_poll, init_finalize) through one bridge (library, capi, pybind11,
-//                            capi_mirror)
+//                            search_first_poll, init_finalize, write_on_new_thread) through one bridge
+//                            (library, capi, pybind11, capi_mirror)
 //                            inside OvraBench::MeasuredCalls, after as many warm-up calls outside it: for
 //                            counting instructions with valgrind --tool=callgrind
 //                            --toggle-collect='OvraBench::MeasuredCalls*'
@@ -412,6 +412,13 @@ std::function<std::uint32_t()> CallOf(const std::string &op, const Bridge &bridg
     }
     if (op == "init_finalize") {
         return [&bridge] { return bridge.initFinalize(SYS_CONFIG, loadConfig); };
+    }
+    if (op == "write_on_new_thread") {
+        return [&bridge] {
+            std::uint32_t status = 0;
+            std::thread([&bridge, &status] { status = bridge.write(keyword, knowledge, OP_CONFIG, false); }).join();
+            return status;
+        };
     }
     return nullptr;
 }
