@@ -571,7 +571,7 @@ def analysis_section(versions, goals):
         "(callgrind, `--ovra_mode=calls --ovra_op=write_on_new_thread`, 400 threads, the difference of two run "
         "lengths), the price of one more restore and park of the state and of its hand-back as the thread ends. "
         "Next to the thread's own start and end (35 to 70 µs of wall time here, mostly in the kernel) that is "
-        "about half a microsecond, below what the wall-time medians can tell apart (old ÷ new medians of three "
+        "about half a microsecond, below what the wall-time medians can tell apart (new ÷ old medians of three "
         "interleaved pinned runs: 1.03, 1.22 and 0.96, with the unchanged C-API floor at 1.22, 1.03 and 0.91 "
         "between the same two programs).",
         "",
