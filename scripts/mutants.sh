@@ -53,6 +53,12 @@ fi
 cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOVRA_KB_BUILD_TESTS=ON >/dev/null
 cmake --build "$build" -j "$(nproc)" >/dev/null
 
+# The tests must pass before any fault is planted, or every fault would look caught.
+if ! ctest --test-dir "$build" -j "$(nproc)" --timeout 180 "${select[@]}" >"$build/mutant-tests.log" 2>&1; then
+  echo "mutants: the tests fail without any fault; see $build/mutant-tests.log" >&2
+  exit 1
+fi
+
 restore_all() { plant restore "$pattern" >/dev/null 2>&1 || true; }
 trap restore_all EXIT
 trap 'restore_all; exit 130' INT TERM

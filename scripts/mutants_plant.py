@@ -10,7 +10,7 @@ A fault is a block of the fault file:
     + the line(s) that replace them
 
 The original lines must be found exactly once in the file. `apply` keeps a copy of the file next to it
-(FILE.mutant-original) and `restore` puts it back.
+(FILE.mutant-original) and `restore` writes it back.
 """
 
 import os
@@ -80,9 +80,14 @@ def main():
             with open(path, "w") as handle:
                 handle.write(text.replace(old, "\n".join(fault["new"]) + "\n"))
         elif command == "restore":
+            # Written anew rather than moved back: the file must be newer than what the fault's build made.
             path = os.path.join(ROOT, fault["file"])
             if os.path.exists(path + BACKUP):
-                os.replace(path + BACKUP, path)
+                with open(path + BACKUP) as handle:
+                    original = handle.read()
+                with open(path, "w") as handle:
+                    handle.write(original)
+                os.remove(path + BACKUP)
     if command == "check":
         names = [f["name"] for f in chosen]
         print("%d faults, %d with problems" % (len(names), problems))
