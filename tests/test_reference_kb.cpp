@@ -2,6 +2,9 @@
 // types, replacement, deletion, refusals, and records that outlive the interpreter.
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <thread>
+
 #include "ovra_kb/ovra_kb_api.h"
 #include "test_env.h"
 
@@ -82,14 +85,75 @@ TEST_F(ReferenceKb, RefusalsCarryThePackagesOwnCodes)
     EXPECT_EQ(reports[0].first, "OVRA_KB_E006");
     EXPECT_NE(reports[0].second.at("message"), "");
 
-    OvraTest::ClearErrorReports();
-    sys_["core_num"] = "eight";
-    EXPECT_EQ(Init(), 6U);
-    reports = OvraTest::ErrorReports();
-    ASSERT_EQ(reports.size(), 1U);
-    EXPECT_EQ(reports[0].first, "OVRA_KB_E002");
-    // The refused init still counted a user of the Python side: two finalisations release both.
     EXPECT_EQ(OvraKbFinalize(), 0U);
+}
+
+// Two users of one process: whichever way the second one's initialisation fails, it finalises nothing
+// (only an OvraKbInit that returned 0 is owed an OvraKbFinalize), and the first one's session goes on.
+TEST_F(ReferenceKb, AFailedInitialiseLeavesAnotherUsersSessionAlone)
+{
+    struct Refusal {
+        const char *label;
+        StrMap sys;
+        StrMap load;
+        std::uint32_t status;
+        const char *code;  // the package's code, when the package was asked at all
+    };
+    const std::string blocker = dir_.File("plain_file");
+    OvraTest::WriteFile(blocker, "");
+    const Refusal refusals[] = {
+        {"missing core_num", {{"soc_version", "soc-b2"}}, {{"op_bank_path", dir_.File("b")}}, 2, ""},
+        {"core_num not UTF-8",
+         {{"soc_version", "soc-b2"}, {"core_num", "\xff"}},
+         {{"op_bank_path", dir_.File("b")}},
+         4,
+         ""},
+        {"core_num abc",
+         {{"soc_version", "soc-b2"}, {"core_num", "abc"}},
+         {{"op_bank_path", dir_.File("b")}},
+         6,
+         "OVRA_KB_E002"},
+        {"bank unusable",
+         {{"soc_version", "soc-b2"}, {"core_num", "16"}},
+         {{"op_bank_path", blocker}},
+         6,
+         "OVRA_KB_E003"},
+    };
+    ASSERT_EQ(Init(), 0U);
+    for (const Refusal &refusal : refusals) {
+        SCOPED_TRACE(refusal.label);
+        OvraTest::ClearErrorReports();
+        // The second user is a thread of its own: the error a refused value leaves pending stays with it.
+        std::uint32_t status = 99;
+        std::thread([&] { status = OvraKbInit(refusal.sys, refusal.load); }).join();
+        EXPECT_EQ(status, refusal.status);
+        const auto reports = OvraTest::ErrorReports();
+        EXPECT_EQ(reports.empty() ? std::string() : reports.back().first, refusal.code);
+        EXPECT_EQ(OvraKbWrite(refusal.label, "written by the first user", {{"op_type", "Add"}}, true), 0U);
+        EXPECT_EQ(Search(refusal.label, "Add", nullptr), Rows{Row("Add", refusal.label, "written by the first user")});
+    }
+    EXPECT_EQ(OvraKbFinalize(), 0U);
+}
+
+// The package's errors keep neither the call's arguments nor anything else large alive, although the library
+// keeps every failed call's exception for the life of the process: a refused write of 1 MB keeps what a refused
+// write of one byte keeps.
+TEST_F(ReferenceKb, ARefusedWriteKeepsNoneOfItsArguments)
+{
+    ASSERT_EQ(Init(), 0U);
+    auto keptPerRefusal = [](const std::string &knowledge) {
+        EXPECT_EQ(OvraKbWrite("warm", knowledge, {{"op_type", "*"}}, true), 6U);
+        const long before = OvraTest::ResidentBytes();
+        constexpr int REFUSALS = 32;
+        for (int i = 0; i < REFUSALS; ++i) {
+            EXPECT_EQ(OvraKbWrite("kw", knowledge, {{"op_type", "*"}}, true), 6U);
+        }
+        return (OvraTest::ResidentBytes() - before) / REFUSALS;
+    };
+    const long small = keptPerRefusal("k");
+    const long large = keptPerRefusal(std::string(1 << 20, 'k'));
+    std::printf("resident bytes kept per refused write: %ld (1 byte), %ld (1 MB)\n", small, large);
+    EXPECT_LT(large - small, 128 * 1024) << "a refused 1 MB write kept " << large << " bytes, a small one " << small;
     EXPECT_EQ(OvraKbFinalize(), 0U);
 }
 

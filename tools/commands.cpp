@@ -1,9 +1,12 @@
 #include "commands.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <utility>
 
 #include "environment.h"
 #include "json.h"
@@ -17,10 +20,21 @@ const char kEveryOpType[] = "*";
 // Imports of this many records or more tell their progress, ten times over the file.
 const std::size_t kProgressThreshold = 1000;
 
+// A record of the searches that span the bank's chips (the reference package's extensions).
+const char kEveryChip[] = "all_chips";
+const char kChipCounts[] = "chips";
+
+struct Chip {
+    std::string soc;
+    std::string cores;
+    bool operator==(const Chip &other) const { return soc == other.soc && cores == other.cores; }
+};
+
 struct Record {
     std::string keyword;
     std::string knowledge;
     std::string opType;
+    Chip chip;
     std::size_t line = 0;
 };
 
@@ -41,7 +55,25 @@ int PrintRows(const std::vector<OvraKb::StrMap> &rows, bool json)
     return 0;
 }
 
-bool RecordFromLine(const std::string &text, const std::string &defaultOpType, Record &record, std::string &error)
+// The library hands each text to Python up to its first NUL, so such a keyword would name another record.
+bool HoldsNoNul(const Record &record, std::string &error)
+{
+    const std::pair<const char *, const std::string *> fields[] = {{"keyword", &record.keyword},
+                                                                   {"knowledge", &record.knowledge},
+                                                                   {"op_type", &record.opType},
+                                                                   {"soc_version", &record.chip.soc},
+                                                                   {"core_num", &record.chip.cores}};
+    for (const auto &field : fields) {
+        if (field.second->find('\0') != std::string::npos) {
+            error = std::string("the ") + field.first +
+                    " holds a NUL character (\\u0000), which the knowledge base would cut the text at; remove it";
+            return false;
+        }
+    }
+    return true;
+}
+
+bool RecordFromLine(const std::string &text, const Options &options, Record &record, std::string &error)
 {
     JsonObject object;
     if (!ParseJsonObject(text, object, error)) {
@@ -51,10 +83,16 @@ bool RecordFromLine(const std::string &text, const std::string &defaultOpType, R
         error = "a record needs \"keyword\" and \"knowledge\"";
         return false;
     }
+    if (object.count("soc_version") != object.count("core_num")) {
+        error = "a record with a chip needs both \"soc_version\" and \"core_num\"";
+        return false;
+    }
     record.keyword = object["keyword"];
     record.knowledge = object["knowledge"];
-    record.opType = object.count("op_type") != 0 ? object["op_type"] : defaultOpType;
-    return true;
+    record.opType = object.count("op_type") != 0 ? object["op_type"] : options.opType;
+    record.chip = object.count("soc_version") != 0 ? Chip{object["soc_version"], object["core_num"]}
+                                                   : Chip{options.soc, options.cores};
+    return HoldsNoNul(record, error);
 }
 
 bool IsBlank(const std::string &text)
@@ -83,7 +121,7 @@ int ReadRecords(const Options &options, std::vector<Record> &records)
         if (IsBlank(text)) {
             continue;
         }
-        if (!RecordFromLine(text, options.opType, record, error)) {
+        if (!RecordFromLine(text, options, record, error)) {
             std::fprintf(stderr, "ovra-kb: %s:%zu: %s\n", file.c_str(), line, error.c_str());
             return kExitBadData;
         }
@@ -101,28 +139,63 @@ void ShowProgress(std::size_t done, std::size_t total)
     }
 }
 
+// The records of each chip together, chips in the order the file first names them, each chip's records in
+// file order: the knowledge base is initialised once more for every further chip.
+std::vector<const Record *> ByChip(const std::vector<Record> &records)
+{
+    std::vector<Chip> chips;
+    for (const Record &record : records) {
+        if (std::find(chips.begin(), chips.end(), record.chip) == chips.end()) {
+            chips.push_back(record.chip);
+        }
+    }
+    std::vector<const Record *> ordered;
+    for (const Chip &chip : chips) {
+        for (const Record &record : records) {
+            if (record.chip == chip) {
+                ordered.push_back(&record);
+            }
+        }
+    }
+    return ordered;
+}
+
 // The last record is written durably: the reference package's durable commit syncs its journal, which
 // makes every earlier record of the import durable as well, at the cost of one sync instead of one per record.
-int WriteRecords(KbSession &kb, const std::vector<Record> &records, const std::string &file)
+int WriteRecords(KbSession &kb, const Chip &sessionChip, const std::vector<Record> &records, const std::string &file)
 {
-    for (std::size_t i = 0; i < records.size(); ++i) {
-        const Record &record = records[i];
-        const bool durable = i + 1 == records.size();
+    const std::vector<const Record *> ordered = ByChip(records);
+    Chip current = sessionChip;
+    for (std::size_t i = 0; i < ordered.size(); ++i) {
+        const Record &record = *ordered[i];
+        const std::string where = file + ":" + std::to_string(record.line);
+        if (!(record.chip == current)) {
+            const CallOutcome switched = kb.SwitchChip(record.chip.soc, record.chip.cores);
+            if (!switched.Ok()) {
+                return ReportFailure(switched, record.opType, where);
+            }
+            current = record.chip;
+        }
+        const bool durable = i + 1 == ordered.size();
         const CallOutcome written = kb.Write(record.keyword, record.knowledge, record.opType, durable);
         if (!written.Ok()) {
-            return ReportFailure(written, record.opType, file + ":" + std::to_string(record.line));
+            return ReportFailure(written, record.opType, where);
         }
-        ShowProgress(i + 1, records.size());
+        ShowProgress(i + 1, ordered.size());
     }
     return 0;
 }
 
-std::string ExportLine(const OvraKb::StrMap &row)
+std::string ExportLine(const OvraKb::StrMap &row, bool withChip)
 {
     JsonObject record;
-    for (const char *field : {"keyword", "knowledge", "op_type"}) {
+    for (const char *field : {"keyword", "knowledge", "op_type", "soc_version", "core_num"}) {
         const auto found = row.find(field);
         record[field] = found != row.end() ? found->second : "";
+    }
+    if (!withChip) {
+        record.erase("soc_version");
+        record.erase("core_num");
     }
     return FormatJsonObject(record) + "\n";
 }
@@ -142,7 +215,7 @@ int WriteExport(const std::vector<OvraKb::StrMap> &rows, const Options &options)
         return CannotWrite(file);
     }
     for (const OvraKb::StrMap &row : rows) {
-        std::fputs(ExportLine(row).c_str(), out);
+        std::fputs(ExportLine(row, !options.oneChip).c_str(), out);
     }
     const bool flushed = std::fflush(out) == 0 && std::ferror(out) == 0;
     const bool closed = !toFile || std::fclose(out) == 0;
@@ -213,7 +286,7 @@ int RunImport(const Options &options)
     }
     const std::string &file = options.operands[0];
     return WithSession(options, BankDir(options), [&](KbSession &kb) {
-        const int status = WriteRecords(kb, records, file);
+        const int status = WriteRecords(kb, Chip{options.soc, options.cores}, records, file);
         if (status == 0) {
             std::printf("imported %zu records from %s\n", records.size(), file.c_str());
         }
@@ -226,8 +299,33 @@ int RunExport(const Options &options)
     const std::string opType = options.opTypeGiven ? options.opType : kEveryOpType;
     return WithSession(options, BankDir(options), [&](KbSession &kb) {
         std::vector<OvraKb::StrMap> rows;
-        const CallOutcome found = kb.Search("", opType, "all", rows);
+        const CallOutcome found = kb.Search("", opType, options.oneChip ? "all" : kEveryChip, rows);
         return found.Ok() ? WriteExport(rows, options) : ReportFailure(found, opType);
+    });
+}
+
+int RunStats(const Options &options)
+{
+    return WithSession(options, BankDir(options), [&](KbSession &kb) {
+        std::vector<OvraKb::StrMap> chips;
+        const CallOutcome found = kb.Search("", kEveryOpType, kChipCounts, chips);
+        if (!found.Ok()) {
+            return ReportFailure(found, kEveryOpType);
+        }
+        if (options.json) {
+            std::fputs(FormatJsonArray(chips).c_str(), stdout);
+            return 0;
+        }
+        unsigned long long total = 0;
+        for (const OvraKb::StrMap &chip : chips) {
+            total += std::strtoull(chip.at("records").c_str(), nullptr, 10);
+        }
+        if (!chips.empty()) {
+            std::fputs(FormatTable(chips, OutputWidth(), {"soc_version", "core_num", "records"}).c_str(), stdout);
+        }
+        std::printf("%llu record%s in %zu chip%s\n", total, total == 1 ? "" : "s", chips.size(),
+                    chips.size() == 1 ? "" : "s");
+        return 0;
     });
 }
 

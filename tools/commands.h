@@ -12,6 +12,7 @@ int RunSearch(const Options &options);
 int RunDelete(const Options &options);
 int RunImport(const Options &options);
 int RunExport(const Options &options);
+int RunStats(const Options &options);
 int RunDemo(const Options &options);
 int RunDoctor(const Options &options);
 

@@ -65,6 +65,7 @@ class Doctor {
     void CheckRuntimeFile(const std::string &file);
     void CheckModules();
     void CheckBank();
+    void CheckBankDatabase();
     void CheckServerBank();
 
     std::string bank_;
@@ -310,6 +311,28 @@ void Doctor::CheckServerBank()
                                          "); check that the server runs and that the user and password are right");
 }
 
+// The bank's database, opened read-only by the python3 that the library loads, passes SQLite's quick check.
+void Doctor::CheckBankDatabase()
+{
+    const std::string database = bank_ + "/" + kBankDatabase;
+    if (access(database.c_str(), F_OK) != 0 || !havePython_) {
+        return;
+    }
+    setenv("OVRA_KB_DOCTOR_DB", database.c_str(), 1);
+    const ShellResult checked = RunShell(
+        "python3 -c 'import os, sqlite3, urllib.parse as u; "
+        "c = sqlite3.connect(\"file:\" + u.quote(os.environ[\"OVRA_KB_DOCTOR_DB\"]) + \"?mode=ro\", uri=True); "
+        "r = c.execute(\"PRAGMA quick_check\").fetchone()[0]; "
+        "print(r if r != \"ok\" else \"ok %d\" % c.execute(\"SELECT COUNT(*) FROM records\").fetchone()[0])' 2>&1");
+    unsetenv("OVRA_KB_DOCTOR_DB");
+    const std::string answer = LastLine(checked.output);
+    const bool ok = checked.exitCode == 0 && answer.rfind("ok ", 0) == 0;
+    Report(ok, "database",
+           ok ? database + " passes a quick integrity check (" + answer.substr(3) + " records)"
+              : database + " is damaged (" + answer +
+                    "); move it aside and import the last export into a new bank (ovra-kb import FILE --bank DIR)");
+}
+
 void Doctor::CheckBank()
 {
     if (IsServerUrl(bank_)) {
@@ -321,6 +344,7 @@ void Doctor::CheckBank()
     if (IsDirectory(bank_)) {
         const bool ok = CanCreateFileIn(bank_, why);
         Report(ok, "bank", bank_ + (ok ? " is writable" : " is not writable (" + why + ")" + fix));
+        CheckBankDatabase();
         return;
     }
     if (access(bank_.c_str(), F_OK) == 0) {

@@ -15,6 +15,7 @@ namespace OvraCli {
 
 const char *const kInterfaceModule = "oxe.common.repository_manager.interface";
 const char *const kLogModule = "oxe.common.repository_manager.utils.repository_manager_log";
+const char *const kBankDatabase = "ovra_kb.db";
 
 namespace {
 

@@ -9,6 +9,8 @@ namespace OvraCli {
 // The modules the library imports at start-up.
 extern const char *const kInterfaceModule;
 extern const char *const kLogModule;
+// The database file of a bank directory (the reference package's SQLite bank).
+extern const char *const kBankDatabase;
 
 // $OVRA_KB_BANK, else $XDG_DATA_HOME/ovra-kb/bank, else ~/.local/share/ovra-kb/bank.
 std::string DefaultBankDir();

@@ -44,6 +44,8 @@ const CodeHint kCodeHints[] = {
     {"OVRA_KB_E013", "check that the server named by --bank runs and accepts connections (ovra-kb doctor)"},
     {"OVRA_KB_E014", "check the user and password in the --bank URL"},
     {"OVRA_KB_E015", "check the network and the server, then try again"},
+    {"OVRA_KB_E016", "move the damaged database aside and import the last export into a new bank"},
+    {"OVRA_KB_E017", "search and export it, or export it and import it into a writable --bank to change it"},
 };
 
 const StatusText kUnknownStatus = {0, "the library failed", "try again with --verbose"};
@@ -163,21 +165,31 @@ CallOutcome KbSession::Open()
         std::fprintf(stderr, "ovra-kb: PYTHONPATH=%s (%s)\n", pythonPath.value.c_str(),
                      pythonPath.usersOwn ? "as given" : "package directories put in front");
     }
-    const OvraKb::StrMap sysConfig = {{"soc_version", settings_.soc}, {"core_num", settings_.cores}};
+    return Initialise(settings_.soc, settings_.cores);
+}
+
+CallOutcome KbSession::SwitchChip(const std::string &soc, const std::string &cores)
+{
+    return Initialise(soc, cores);
+}
+
+CallOutcome KbSession::Initialise(const std::string &soc, const std::string &cores)
+{
+    const OvraKb::StrMap sysConfig = {{"soc_version", soc}, {"core_num", cores}};
     const OvraKb::StrMap loadConfig = {{"op_bank_path", settings_.bank}};
     const CallOutcome outcome = Run([&] { return OvraKbInit(sysConfig, loadConfig); });
-    pythonUp_ = outcome.status != OvraKb::OVRA_KB_PYTHON_UNAVAILABLE;
+    initialised_ += outcome.Ok() ? 1 : 0;
     return outcome;
 }
 
 CallOutcome KbSession::Close()
 {
-    if (!pythonUp_) {
-        return CallOutcome{};
+    CallOutcome outcome;
+    for (; initialised_ > 0 && outcome.Ok(); --initialised_) {
+        outcome = Run([] { return OvraKbFinalize(); });
     }
-    const CallOutcome outcome = Run([] { return OvraKbFinalize(); });
     // A failed finalisation keeps the Python side up; it is not retried, the process ends anyway.
-    pythonUp_ = false;
+    initialised_ = 0;
     return outcome;
 }
 

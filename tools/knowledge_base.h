@@ -41,7 +41,10 @@ class KbSession {
 
     // Finds the package, then initialises the library for the bank and the chip.
     CallOutcome Open();
-    // Finalises, if Open brought the Python side up (a failed initialisation leaves it up as well).
+    // Initialises once more for another chip of the same bank: later calls work on that chip.
+    CallOutcome SwitchChip(const std::string &soc, const std::string &cores);
+    // Finalises once for every initialisation that succeeded, and only for those: a refused one is owed
+    // nothing, and finalising for it could end another user's session.
     CallOutcome Close();
 
     // An empty `opType` is left out of the configuration, so the library answers status 2.
@@ -52,8 +55,10 @@ class KbSession {
                        std::vector<OvraKb::StrMap> &rows);
 
   private:
+    CallOutcome Initialise(const std::string &soc, const std::string &cores);
+
     KbSettings settings_;
-    bool pythonUp_ = false;
+    int initialised_ = 0;
 };
 
 }  // namespace OvraCli

@@ -23,6 +23,8 @@ int Dispatch(const OvraCli::Options &options)
             return OvraCli::RunImport(options);
         case OvraCli::Command::kExport:
             return OvraCli::RunExport(options);
+        case OvraCli::Command::kStats:
+            return OvraCli::RunStats(options);
         case OvraCli::Command::kDemo:
             return OvraCli::RunDemo(options);
         case OvraCli::Command::kDoctor:

@@ -11,42 +11,50 @@ struct CommandInfo {
     const char *synopsis;
     std::size_t minOperands;
     std::size_t maxOperands;
-    bool takesSearchOptions;
     const char *details;
 };
 
 const CommandInfo kCommands[] = {
-    {Command::kWrite, "write", "write KEYWORD KNOWLEDGE [options]", 2, 2, false,
+    {Command::kWrite, "write", "write KEYWORD KNOWLEDGE [options]", 2, 2,
      "Stores KNOWLEDGE under KEYWORD for the op type (--op-type), replacing any record with that keyword.\n"
      "The record is durable when the command returns.\n"},
-    {Command::kSearch, "search", "search KEYWORD [--type exact|prefix|all] [--json] [options]", 0, 1, true,
+    {Command::kSearch, "search", "search KEYWORD [--type exact|prefix|all] [--json] [options]", 0, 1,
      "Prints the records of the op type (--op-type) that match KEYWORD:\n"
      "  --type exact   the record whose keyword is KEYWORD (default)\n"
      "  --type prefix  the records whose keyword starts with KEYWORD\n"
      "  --type all     every record of the op type; KEYWORD may be left out.\n"
      "                 With --op-type '*' every record of every op type.\n"
+     "Searches cover the chip of --soc and --cores; ovra-kb stats lists the chips of a bank.\n"
      "  --json         a JSON array of objects (every field of each row) instead of a table\n"
      "The table has the columns keyword, op_type and knowledge; on a terminal (or with COLUMNS set)\n"
      "knowledge is cut with an ellipsis at the terminal width.\n"},
-    {Command::kDelete, "delete", "delete KEYWORD [options]", 1, 1, false,
+    {Command::kDelete, "delete", "delete KEYWORD [options]", 1, 1,
      "Deletes the record under KEYWORD for the op type (--op-type). Deleting a missing record succeeds.\n"},
-    {Command::kImport, "import", "import FILE [options]", 1, 1, false,
+    {Command::kImport, "import", "import FILE [options]", 1, 1,
      "Writes the records of FILE, JSON lines of the form\n"
-     "  {\"keyword\": \"...\", \"knowledge\": \"...\", \"op_type\": \"...\"}\n"
-     "(a line without op_type takes --op-type; other fields are ignored; blank lines are skipped).\n"
-     "Every line is checked before the first write, so a malformed file writes nothing.\n"
+     "  {\"keyword\": \"...\", \"knowledge\": \"...\", \"op_type\": \"...\", \"soc_version\": \"...\", "
+     "\"core_num\": \"...\"}\n"
+     "(a line without op_type takes --op-type, one without soc_version and core_num the chip of --soc and\n"
+     "--cores; other fields are ignored; blank lines are skipped). Each record goes to its own chip.\n"
+     "Every line is checked before the first write, so a malformed file writes nothing; texts holding a\n"
+     "NUL character are refused there too, since the knowledge base would cut them at it.\n"
      "Records are written without waiting for the disk except the last one, which is made durable;\n"
      "the knowledge base's durable commit also makes the earlier ones durable.\n"
      "Files of 1000 records or more show their progress on standard error. A record that the knowledge base\n"
      "refuses stops the import there; the records before it stay written.\n"},
-    {Command::kExport, "export", "export [FILE] [options]", 0, 1, false,
-     "Writes every record of every op type (or only of --op-type when it is given) as JSON lines to FILE,\n"
-     "or to standard output without FILE. The output of export is the input of import.\n"},
-    {Command::kDemo, "demo", "demo [options]", 0, 0, false,
+    {Command::kExport, "export", "export [FILE] [--one-chip] [options]", 0, 1,
+     "Writes every record of the bank, of every chip and every op type (or only of --op-type when it is\n"
+     "given), as JSON lines with their chip to FILE, or to standard output without FILE. The output of\n"
+     "export is the input of import, which puts each record back to its chip.\n"
+     "  --one-chip     only the records of the chip of --soc and --cores, in lines without a chip: import\n"
+     "                 writes such lines to the chip of its own --soc and --cores\n"},
+    {Command::kStats, "stats", "stats [--json] [options]", 0, 0,
+     "Lists the chips of the bank (soc_version and core_num) with the number of records of each.\n"},
+    {Command::kDemo, "demo", "demo [options]", 0, 0,
      "Shows the knowledge base at work: writes a few records under two op types into a fresh bank,\n"
      "searches them exactly, by prefix and all at once, deletes one, and tells each step.\n"
      "The bank is a temporary directory, removed at the end, unless --bank names an empty or new one.\n"},
-    {Command::kDoctor, "doctor", "doctor [options]", 0, 0, false,
+    {Command::kDoctor, "doctor", "doctor [options]", 0, 0,
      "Checks what the knowledge base needs, one line per check, each \"ok\" or the fix to apply:\n"
      "  python3    which python3 the search path finds (and what a version-manager shim costs)\n"
      "  LDLIBRARY  and LIBDIR: the answers the library asks python3 for\n"
@@ -136,7 +144,22 @@ bool *FlagField(const std::string &name, Options &options)
     if (name == "--json") {
         return &options.json;
     }
+    if (name == "--one-chip") {
+        return &options.oneChip;
+    }
     return nullptr;
+}
+
+// The options that only some commands take.
+bool AcceptsOption(Command command, const std::string &option)
+{
+    if (option == "--one-chip") {
+        return command == Command::kExport;
+    }
+    if (option == "--json") {
+        return command == Command::kSearch || command == Command::kStats;
+    }
+    return command == Command::kSearch;
 }
 
 class Parser {
@@ -186,8 +209,8 @@ class Parser {
         const std::size_t equals = arg.find('=');
         const std::string name = arg.substr(0, equals);
         Options &options = result_.options;
-        if (name == "--type" || name == "--json") {
-            searchOnlyOption_ = name;
+        if (name == "--type" || name == "--json" || name == "--one-chip") {
+            commandOnlyOption_ = name;
         }
         if (bool *flag = FlagField(name, options)) {
             if (equals != std::string::npos) {
@@ -217,8 +240,11 @@ class Parser {
         const CommandInfo *info = InfoOf(options.command);
         if (info == nullptr) {
             result_.usageError = "no command given";
-        } else if (!info->takesSearchOptions && !searchOnlyOption_.empty()) {
-            result_.usageError = "option " + searchOnlyOption_ + " applies only to search";
+        } else if (!commandOnlyOption_.empty() && !AcceptsOption(options.command, commandOnlyOption_)) {
+            result_.usageError = "option " + commandOnlyOption_ + " applies only to " +
+                                 (commandOnlyOption_ == "--one-chip" ? "export"
+                                  : commandOnlyOption_ == "--json"   ? "search and stats"
+                                                                     : "search");
         } else if (options.operands.size() < info->minOperands) {
             result_.usageError = "missing operand";
         } else if (options.operands.size() > info->maxOperands) {
@@ -231,7 +257,7 @@ class Parser {
     const std::vector<std::string> &args_;
     std::size_t next_ = 0;
     bool operandsOnly_ = false;
-    std::string searchOnlyOption_;  // the last --type or --json seen
+    std::string commandOnlyOption_;  // the last option seen that only some commands take
     ParsedCommandLine result_;
 };
 

@@ -14,7 +14,7 @@ constexpr int kExitBadData = 65;       // import: a line is not a record
 constexpr int kExitNoInput = 66;       // import: the file cannot be read
 constexpr int kExitCannotCreate = 73;  // export: the file cannot be written
 
-enum class Command { kNone, kWrite, kSearch, kDelete, kImport, kExport, kDemo, kDoctor };
+enum class Command { kNone, kWrite, kSearch, kDelete, kImport, kExport, kStats, kDemo, kDoctor };
 
 struct Options {
     Command command = Command::kNone;
@@ -26,6 +26,7 @@ struct Options {
     bool opTypeGiven = false;
     std::string searchType = "exact";
     bool json = false;
+    bool oneChip = false;  // export: only the chip of --soc and --cores, in lines without a chip
     bool verbose = false;
     bool help = false;
     bool version = false;

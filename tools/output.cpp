@@ -11,11 +11,10 @@
 namespace OvraCli {
 namespace {
 
-const char *const kColumns[] = {"keyword", "op_type", "knowledge"};
 const char kEllipsis[] = "\xE2\x80\xA6";
 const std::size_t kGap = 2;
-// Knowledge keeps at least this many columns however wide the other two are.
-const std::size_t kMinKnowledgeWidth = 10;
+// The last column keeps at least this many columns however wide the others are.
+const std::size_t kMinLastWidth = 10;
 
 bool IsContinuationByte(char c)
 {
@@ -75,12 +74,15 @@ std::size_t ColumnWidth(const std::vector<OvraKb::StrMap> &rows, const char *col
     return width;
 }
 
-std::string TableLine(const std::string &keyword, const std::string &opType, const std::string &knowledge,
-                      std::size_t keywordWidth, std::size_t opTypeWidth, std::size_t knowledgeWidth)
+// Every column but the last is padded to its width; the last is cut to what is left of the line.
+std::string TableLine(const std::vector<std::string> &cells, const std::vector<std::size_t> &widths,
+                      std::size_t lastWidth)
 {
-    const std::string shown = knowledgeWidth == 0 ? knowledge : CutToWidth(knowledge, knowledgeWidth);
-    const std::string gap(kGap, ' ');
-    return PadToWidth(keyword, keywordWidth) + gap + PadToWidth(opType, opTypeWidth) + gap + shown + "\n";
+    std::string line;
+    for (std::size_t i = 0; i + 1 < cells.size(); ++i) {
+        line += PadToWidth(cells[i], widths[i]) + std::string(kGap, ' ');
+    }
+    return line + (lastWidth == 0 ? cells.back() : CutToWidth(cells.back(), lastWidth)) + "\n";
 }
 
 }  // namespace
@@ -98,16 +100,23 @@ std::size_t OutputWidth()
     return 0;
 }
 
-std::string FormatTable(const std::vector<OvraKb::StrMap> &rows, std::size_t width)
+std::string FormatTable(const std::vector<OvraKb::StrMap> &rows, std::size_t width,
+                        const std::vector<std::string> &columns)
 {
-    const std::size_t keywordWidth = ColumnWidth(rows, kColumns[0]);
-    const std::size_t opTypeWidth = ColumnWidth(rows, kColumns[1]);
-    const std::size_t used = keywordWidth + opTypeWidth + 2 * kGap;
-    const std::size_t knowledgeWidth = width == 0 ? 0 : std::max(kMinKnowledgeWidth, width > used ? width - used : 0);
-    std::string table = TableLine(kColumns[0], kColumns[1], kColumns[2], keywordWidth, opTypeWidth, knowledgeWidth);
+    std::vector<std::size_t> widths;
+    std::size_t used = 0;
+    for (std::size_t i = 0; i + 1 < columns.size(); ++i) {
+        widths.push_back(ColumnWidth(rows, columns[i].c_str()));
+        used += widths.back() + kGap;
+    }
+    const std::size_t lastWidth = width == 0 ? 0 : std::max(kMinLastWidth, width > used ? width - used : 0);
+    std::string table = TableLine(columns, widths, lastWidth);
     for (const OvraKb::StrMap &row : rows) {
-        table += TableLine(Cell(row, kColumns[0]), Cell(row, kColumns[1]), Cell(row, kColumns[2]), keywordWidth,
-                           opTypeWidth, knowledgeWidth);
+        std::vector<std::string> cells;
+        for (const std::string &column : columns) {
+            cells.push_back(Cell(row, column.c_str()));
+        }
+        table += TableLine(cells, widths, lastWidth);
     }
     return table;
 }

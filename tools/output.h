@@ -13,9 +13,10 @@ namespace OvraCli {
 // Columns for one line: $COLUMNS, else the terminal's width when standard output is one; 0 means no limit.
 std::size_t OutputWidth();
 
-// An aligned table with the columns keyword, op_type and knowledge. When `width` is not 0 the knowledge
-// is cut with an ellipsis so that each line fits.
-std::string FormatTable(const std::vector<OvraKb::StrMap> &rows, std::size_t width);
+// An aligned table of the named columns (by default keyword, op_type and knowledge). When `width` is not 0
+// the last column is cut with an ellipsis so that each line fits.
+std::string FormatTable(const std::vector<OvraKb::StrMap> &rows, std::size_t width,
+                        const std::vector<std::string> &columns = {"keyword", "op_type", "knowledge"});
 
 // A JSON array holding one object per row with every field of the row.
 std::string FormatJsonArray(const std::vector<OvraKb::StrMap> &rows);

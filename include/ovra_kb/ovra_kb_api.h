@@ -66,8 +66,10 @@ extern "C" {
  *   loadConfigMap: must hold "op_bank_path".
  * Other keys are ignored. Returns 0; 3 when Python could not be brought up (the module is
  * then not called); 2 for a missing key; 4 for a value that is not valid UTF-8; 5; or 6 when
- * the module raised or answered anything but the integer 0. A failure after the Python side
- * came up leaves it up and counted: call OvraKbFinalize to release it.
+ * the module raised or answered anything but the integer 0. Only an OvraKbInit that returned
+ * 0 is matched by an OvraKbFinalize: after a failed one, do not finalise (that would take back
+ * another user's initialisation); the failed call leaves the Python side up until the process
+ * ends.
  */
 std::uint32_t OvraKbInit(const OvraKb::StrMap &sysConfigMap, const OvraKb::StrMap &loadConfigMap);
 

@@ -1,14 +1,17 @@
 """The six module functions as the native library calls them."""
 
 import os
+import shutil
+import subprocess
 import threading
+import traceback
 import unittest.mock
 
 from oxe.common.repository_manager import errors, interface
 from oxe.common.repository_manager.storage import sqlite_backend
 from oxe.common.repository_manager.tasks import WorkerPool
 
-from tests.support import SYS, KbTestCase, search, wait_for
+from tests.support import SYS, KbTestCase, run_python, search, wait_for
 
 ADD = {"op_type": "Add"}
 
@@ -91,6 +94,17 @@ class LifecycleTest(KbTestCase):
         self.assertEqual([r["keyword"] for r in search("", "Add", "all")], ["kept"])
         interface.ovra_kb_finalize()
         self.assertEqual(worker_threads(), [])
+
+    def test_chip_wide_searches_cover_every_chip_of_the_bank(self):
+        for soc, cores, keyword in (("soc-a1", "32", "k1"), ("soc-b2", "16", "k2"), ("soc-b2", "16", "k3")):
+            self.init(soc_version=soc, core_num=cores)
+            interface.ovra_kb_write(keyword, "v", ADD if keyword != "k3" else {"op_type": "Mul"}, 0)
+        self.assertEqual([(r["soc_version"], r["keyword"]) for r in search("", "*", "all_chips")],
+                         [("soc-a1", "k1"), ("soc-b2", "k2"), ("soc-b2", "k3")])
+        self.assertEqual([r["keyword"] for r in search("", "Mul", "all_chips")], ["k3"])
+        self.assertEqual(search("", "*", "chips"), [{"soc_version": "soc-a1", "core_num": "32", "records": "1"},
+                                                    {"soc_version": "soc-b2", "core_num": "16", "records": "2"}])
+        self.assertEqual([r["keyword"] for r in search("", "*", "all")], ["k2", "k3"], "all stays on one chip")
 
 
 class OperationTest(KbTestCase):
@@ -224,3 +238,56 @@ class OperationTest(KbTestCase):
         self.assertEqual(failures, [])
         self.assertEqual(len(search("t", "Add", "prefix")), 240)
         self.assertEqual(len(interface._KB.tasks), 0)
+
+    def test_a_refused_call_keeps_none_of_its_arguments_alive(self):
+        knowledge = "x" * 100000
+        try:
+            interface.ovra_kb_write("k", knowledge, {"op_type": "*"}, 1)
+        except RuntimeError as raised:
+            refused = raised
+        self.assertEqual(errors.error_info(refused)["errCode"], errors.INVALID_OP_TYPE)
+        # The frames below this test's own, as the native library keeps them with the exception.
+        exc, held = refused, []
+        while exc is not None:
+            tb = exc.__traceback__.tb_next if exc is refused else exc.__traceback__
+            held += [v for frame, _ in traceback.walk_tb(tb) for v in frame.f_locals.values()]
+            exc = exc.__context__
+        self.assertFalse(any(value is knowledge for value in held))
+        self.assertGreater(len(traceback.format_tb(refused.__traceback__)), 2, "where it failed still shows")
+
+    @unittest.skipUnless(hasattr(os, "fork"), "needs fork")
+    def test_a_forked_child_searches_and_writes_while_the_parent_is_busy(self):
+        out = run_python("""
+            import os, signal, sys, threading, time
+            from oxe.common.repository_manager import interface as kb
+            kb.ovra_kb_init({"soc_version": "soc-a1", "core_num": "32"}, {"op_bank_path": sys.argv[1]})
+            cfg = {"op_type": "Add", "return_type": "str", "search_type": "all"}
+            busy = threading.Event()
+            def writer():
+                while not busy.is_set():
+                    kb.ovra_kb_write("parent", "p", {"op_type": "Add"}, 0)
+            threading.Thread(target=writer, daemon=True).start()
+            def poll(handle):
+                while True:
+                    done, rows = kb.ovra_kb_search_get(handle)
+                    if done:
+                        return rows
+                    time.sleep(0.001)
+            poll(kb.ovra_kb_search_async("", cfg))  # the worker pool runs
+            for n in range(5):
+                pid = os.fork()
+                if pid == 0:
+                    signal.alarm(20)  # a child that hangs ends by the alarm
+                    kb.ovra_kb_write("child%d" % n, "c", {"op_type": "Add"}, 1)
+                    rows = poll(kb.ovra_kb_search_async("", cfg))
+                    kb.ovra_kb_finalize()
+                    os._exit(0 if "child%d" % n in [r["keyword"] for r in rows] else 1)
+                status = os.waitpid(pid, 0)[1]
+                print(os.WEXITSTATUS(status) if os.WIFEXITED(status) else "signal%d" % os.WTERMSIG(status))
+            busy.set()
+            kb.ovra_kb_finalize()
+        """, self.bank)
+        self.assertEqual(out.split(), ["0"] * 5)
+        self.init()
+        self.assertEqual(len(search("child", "Add", "prefix")), 5)
+

@@ -1,12 +1,15 @@
 """The SQLite bank on its own: records, keys, prefix ranges, query plans, schema."""
 
 import os
+import shutil
 import sqlite3
+import subprocess
+import unittest
 
-from oxe.common.repository_manager import errors
+from oxe.common.repository_manager import errors, interface
 from oxe.common.repository_manager.storage import open_backend, sqlite_backend
 
-from tests.support import KbTestCase
+from tests.support import SYS, KbTestCase, search
 
 SCOPE = ("soc-a1", "32")
 
@@ -99,3 +102,67 @@ class SchemaTest(KbTestCase):
         conn.execute("PRAGMA user_version=%d" % (sqlite_backend.SCHEMA_VERSION + 1))
         with self.assertKbError(errors.SCHEMA_TOO_NEW):
             open_backend(self.bank)
+
+
+class DamagedBankTest(KbTestCase):
+    """A bank whose file goes, breaks or cannot be written: a clear error, and nothing acknowledged."""
+
+    def test_a_removed_replaced_or_damaged_database_is_refused(self):
+        db_path = os.path.join(self.bank, sqlite_backend.DB_FILE_NAME)
+
+        def remove():
+            shutil.rmtree(self.bank)
+
+        def replace():
+            os.remove(db_path)
+            sqlite3.connect(db_path).close()
+
+        def damage():
+            interface.ovra_kb_finalize()
+            with open(db_path, "r+b") as db:
+                db.write(b"not a database" * 300)
+
+        for harm, code in ((remove, errors.BANK_PATH_UNUSABLE), (replace, errors.BANK_PATH_UNUSABLE),
+                           (damage, errors.BANK_DAMAGED)):
+            with self.subTest(harm=harm.__name__):
+                self.init()
+                interface.ovra_kb_write("before", "v", {"op_type": "Add"}, 1)
+                harm()
+                calls = [lambda: interface.ovra_kb_write("k", "v", {"op_type": "Add"}, 1),
+                         lambda: search("before", "Add")] if harm is not damage else [self.init]
+                for call in calls:
+                    with self.assertKbError(code) as caught:
+                        call()
+                    self.assertIn(("damaged" if harm is damage else "removed or replaced"),
+                                  caught.exception.args[0]["message"])
+                if harm is not damage:
+                    interface.ovra_kb_finalize()
+                    self.init()  # a new start opens the bank anew
+                    self.assertEqual(interface.ovra_kb_write("after", "v", {"op_type": "Add"}, 1), 0)
+                    interface.ovra_kb_finalize()
+                shutil.rmtree(self.bank, True)
+
+    def test_a_bank_that_cannot_be_opened_leaves_nothing_behind(self):
+        for location, code in ((os.path.join(self.tmp, "a", "b" * 600, "bank"), errors.BANK_PATH_UNUSABLE),):
+            with self.assertKbError(code) as caught:
+                interface.ovra_kb_init(SYS, {"op_bank_path": location})
+            self.assertIn("too long", caught.exception.args[0]["message"])
+            self.assertEqual(os.listdir(self.tmp), [])
+
+    @unittest.skipUnless(hasattr(os, "geteuid") and os.geteuid() == 0, "needs root for a read-only bind mount")
+    def test_a_bank_on_read_only_storage_is_searched_and_exported_but_not_changed(self):
+        self.init()
+        interface.ovra_kb_write("kept", "v", {"op_type": "Add"}, 1)
+        interface.ovra_kb_finalize()
+        mount = os.path.join(self.tmp, "read_only")
+        os.makedirs(mount)
+        if subprocess.call(["mount", "--bind", "-o", "ro", self.bank, mount], stderr=subprocess.DEVNULL) != 0 or \
+                os.access(mount, os.W_OK):
+            subprocess.call(["umount", mount], stderr=subprocess.DEVNULL)
+            self.skipTest("this machine refuses a read-only bind mount")
+        self.addCleanup(subprocess.call, ["umount", mount])
+        self.addCleanup(interface.ovra_kb_finalize)  # before the unmount: the bank must be closed
+        self.init(bank=mount)
+        self.assertEqual([r["keyword"] for r in search("", "*", "all_chips")], ["kept"])
+        with self.assertKbError(errors.BANK_READ_ONLY):
+            interface.ovra_kb_write("new", "v", {"op_type": "Add"}, 1)

@@ -154,26 +154,37 @@ class ExportImportTest(CliTestCase):
         {"keyword": "c64", "knowledge": "img2col", "op_type": "Conv2D"},
     ]
 
-    def test_export_then_import_into_a_fresh_bank(self):
+    def test_export_then_import_into_a_fresh_bank_keeps_every_chip(self):
         for record in self.RECORDS:
             self.kb("write", record["keyword"], record["knowledge"], "--op-type", record["op_type"])
+        self.kb("write", "m128", "other chip", "--op-type", "MatMul", "--soc", "soc-b2", "--cores", "16")
         dump = os.path.join(self.tmp, "dump.jsonl")
         exported = self.kb("export", dump)
-        self.assertIn("exported 3 records", exported.stdout)
+        self.assertIn("exported 4 records", exported.stdout)
         with open(dump, encoding="utf-8") as lines:
-            self.assertEqual(sorted(json.loads(line)["keyword"] for line in lines), ["c64", "m128", "m64"])
+            self.assertEqual(sorted((r["soc_version"], r["keyword"]) for r in map(json.loads, lines)),
+                             [("soc-a1", "c64"), ("soc-a1", "m128"), ("soc-a1", "m64"), ("soc-b2", "m128")])
 
         fresh = os.path.join(self.tmp, "fresh")
         self.run_cli("import", dump, "--bank", fresh)
         self.assertEqual(self.export_lines(fresh), self.export_lines())
-        self.assertEqual(sorted(json.loads(line)["knowledge"] for line in self.export_lines(fresh)),
-                         sorted(record["knowledge"] for record in self.RECORDS))
+        self.assertEqual(self.run_cli("stats", "--bank", fresh).stdout.splitlines(),
+                         ["soc_version  core_num  records", "soc-a1       8         3", "soc-b2       16        1",
+                          "4 records in 2 chips"])
 
-    def test_export_of_one_op_type(self):
+    def test_export_of_one_op_type_or_one_chip(self):
         for record in self.RECORDS:
             self.kb("write", record["keyword"], record["knowledge"], "--op-type", record["op_type"])
-        lines = self.kb("export", "--op-type", "Conv2D").stdout.splitlines()
-        self.assertEqual([json.loads(line) for line in lines], [self.RECORDS[2]])
+        self.kb("write", "c64", "other chip", "--op-type", "Conv2D", "--soc", "soc-b2", "--cores", "16")
+        for args, expected in ((["--op-type", "Conv2D", "--soc", "soc-b2", "--cores", "16", "--one-chip"],
+                                [{"keyword": "c64", "knowledge": "other chip", "op_type": "Conv2D"}]),
+                               (["--op-type", "Conv2D"], [dict(self.RECORDS[2], soc_version="soc-a1", core_num="8"),
+                                                          {"keyword": "c64", "knowledge": "other chip",
+                                                           "op_type": "Conv2D", "soc_version": "soc-b2",
+                                                           "core_num": "16"}])):
+            with self.subTest(args=args):
+                lines = self.kb("export", *args).stdout.splitlines()
+                self.assertEqual([json.loads(line) for line in lines], expected)
 
     def test_two_processes_importing_at_once_lose_nothing(self):
         files = []
@@ -214,6 +225,10 @@ class ExportImportTest(CliTestCase):
             ('{"keyword": "k1", "knowledge": 7}\n', r"bad\.jsonl:1: the value of \"knowledge\" is not a string"),
             ('{"keyword": "k1"}\n', r"bad\.jsonl:1: a record needs"),
             ('{"keyword": "k1", "knowledge": "\\ud800"}\n', r"bad\.jsonl:1: unpaired surrogate"),
+            ('{"keyword": "k1", "knowledge": "v"}\n{"keyword": "k1\\u0000b", "knowledge": "v"}\n',
+             r"bad\.jsonl:2: the keyword holds a NUL character"),
+            ('{"keyword": "k1", "knowledge": "v\\u0000", "op_type": "A"}\n', r"bad\.jsonl:1: the knowledge holds a NUL"),
+            ('{"keyword": "k1", "knowledge": "v", "soc_version": "soc-b2"}\n', r"bad\.jsonl:1: a record with a chip"),
         ]
         for text, message in cases:
             with self.subTest(text=text):

@@ -217,4 +217,18 @@ void ClearErrorReports()
     ErrorManager::GetInstance().ClearReports();
 }
 
+long ResidentBytes()
+{
+    long pages = 0;
+    long resident = 0;
+    FILE *statm = fopen("/proc/self/statm", "r");
+    if (statm != nullptr) {
+        if (fscanf(statm, "%ld %ld", &pages, &resident) != 2) {
+            resident = 0;
+        }
+        fclose(statm);
+    }
+    return resident * sysconf(_SC_PAGESIZE);
+}
+
 }  // namespace OvraTest

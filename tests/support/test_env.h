@@ -57,6 +57,8 @@ void UseReferencePackage();
 // Version of the test interpreter as major * 100 + minor (311 for 3.11), and its full version text.
 int TestPythonVersion();
 std::string TestPythonVersionText();
+// The resident set of this process, in bytes.
+long ResidentBytes();
 // First line printed by a shell command, without its line end.
 std::string FirstLineOf(const std::string &command);
 

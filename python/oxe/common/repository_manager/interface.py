@@ -16,7 +16,10 @@ package survives the interpreter being finalised and started again.
 """
 
 import atexit
+import functools
+import os
 import threading
+import traceback
 
 from . import errors
 from .storage import bank_identity, open_backend
@@ -32,17 +35,22 @@ ALL_OP_TYPES = "*"
 SEARCH_EXACT = "exact"
 SEARCH_PREFIX = "prefix"
 SEARCH_ALL = "all"
+# Every record of every chip of the bank (op_type "*" or one op type), rows with their chip.
+SEARCH_ALL_CHIPS = "all_chips"
+# One row per chip of the bank: "soc_version", "core_num" and "records" (op_type "*").
+SEARCH_CHIPS = "chips"
 
 
 class _Session(object):
     """The bank and chip configuration in force."""
 
-    __slots__ = ("backend", "identity", "scope")
+    __slots__ = ("backend", "identity", "scope", "location")
 
-    def __init__(self, backend, identity, scope):
+    def __init__(self, backend, identity, scope, location):
         self.backend = backend
         self.identity = identity
         self.scope = scope
+        self.location = location
 
 
 class _KnowledgeBase(object):
@@ -52,13 +60,27 @@ class _KnowledgeBase(object):
         self.init_count = 0
         self.tasks = TaskRegistry()
         self.pool = WorkerPool(WORKER_THREADS)
+        self.pid = os.getpid()
+
+    def forget_parent(self):
+        """In a forked child: drop what belongs to the parent without touching it.
+
+        The parent's locks may have been held by its other threads at the fork, its worker threads do
+        not exist here, and its database connections must not be used (or closed) by two processes. The
+        bank is opened anew, with the same configuration, on the child's next call.
+        """
+        session, count = self.session, self.init_count
+        self.__init__()
+        if session is not None:
+            self.session = _Session(None, session.identity, session.scope, session.location)
+            self.init_count = count
 
     def shutdown(self):
         with self.lock:
             session, self.session = self.session, None
             self.pool.stop()
             self.tasks.clear()
-            if session is not None:
+            if session is not None and session.backend is not None:
                 session.backend.close()
 
 
@@ -76,6 +98,45 @@ def _at_exit():
 
 
 atexit.register(_at_exit)
+
+
+def _after_fork_in_child():
+    _KB.forget_parent()
+
+
+if hasattr(os, "register_at_fork"):
+    os.register_at_fork(after_in_child=_after_fork_in_child)
+
+
+def _forget_locals(exc):
+    """Drop the local variables of the finished frames of ``exc``'s tracebacks, chained ones included.
+
+    The native library keeps every exception that a call raised, with its traceback, for the life of the
+    process; the frames must not keep the call's arguments (a refused 1 MB knowledge text) alive with it.
+    """
+    seen = set()
+    while exc is not None and id(exc) not in seen:
+        seen.add(id(exc))
+        traceback.clear_frames(exc.__traceback__)
+        exc = exc.__cause__ or exc.__context__
+
+
+def _entry(function):
+    """One of the six functions that the native library calls."""
+
+    @functools.wraps(function)
+    def entry(*args):
+        if _KB.pid != os.getpid():
+            # A child forked without the fork hooks (a native fork, or a Python without them).
+            _KB.forget_parent()
+        try:
+            return function(*args)
+        except BaseException as exc:
+            _forget_locals(exc)
+            del args
+            raise
+
+    return entry
 
 
 # ------------------------------------------------------------------ checks
@@ -169,6 +230,11 @@ def _session():
             "The knowledge base is not initialised; call ovra_kb_init with soc_version, core_num "
             "and op_bank_path first.",
         )
+    if session.backend is None:
+        with _KB.lock:
+            session = _KB.session
+            if session.backend is None:
+                session.backend = open_backend(session.location)
     return session
 
 
@@ -177,27 +243,36 @@ def _not_text(exc):
 
 
 # ---------------------------------------------------------------- functions
+@_entry
 def ovra_kb_init(sys_dict, load_dict):
-    """Open the bank for the chip; may be called any number of times. Returns 0."""
+    """Open the bank for the chip; may be called any number of times. Returns 0.
+
+    Only a call that returns 0 counts: a refused one changes nothing, so that the caller's matching
+    ovra_kb_finalize is owed only for the calls that succeeded.
+    """
     soc_version, core_num = _check_sys_config(sys_dict)
     location = _check_load_config(load_dict)
     identity = bank_identity(location)
     kb = _KB
     with kb.lock:
         current = kb.session
-        if current is not None and current.identity == identity:
+        if current is not None and current.identity == identity and current.backend is not None \
+                and current.backend.still_there():
             backend = current.backend
         else:
             backend = open_backend(location)
             if current is not None:
-                # Another bank now: let queued scans of the old one finish first.
+                # Another bank (or the same one, removed and made anew): let queued scans of the old one
+                # finish first.
                 kb.pool.stop()
-                current.backend.close()
-        kb.session = _Session(backend, identity, (soc_version, core_num))
+                if current.backend is not None:
+                    current.backend.close()
+        kb.session = _Session(backend, identity, (soc_version, core_num), location)
         kb.init_count += 1
     return 0
 
 
+@_entry
 def ovra_kb_finalize():
     """Undo one ovra_kb_init; the last one flushes and closes the bank."""
     kb = _KB
@@ -209,6 +284,7 @@ def ovra_kb_finalize():
     return 0
 
 
+@_entry
 def ovra_kb_write(keyword, knowledge, config, flag):
     """Store ``knowledge`` under ``keyword``; flag 1 makes it durable before returning."""
     session = _session()
@@ -224,6 +300,7 @@ def ovra_kb_write(keyword, knowledge, config, flag):
     return 0
 
 
+@_entry
 def ovra_kb_delete(keyword, config, flag):
     """Remove the record under ``keyword``; removing a missing record succeeds."""
     session = _session()
@@ -237,16 +314,19 @@ def ovra_kb_delete(keyword, config, flag):
     return 0
 
 
+@_entry
 def ovra_kb_search_async(keyword, config):
     """Start a search and return its task handle.
 
     "search_type" None or "exact": the record whose keyword is ``keyword``;
     "prefix": records whose keyword starts with it; "all": every record of
     the op_type (``keyword`` is ignored; op_type "*" means every op type).
+    "all_chips": as "all", over every chip of the bank; "chips": the chips
+    of the bank with their record counts (op_type "*").
     """
     session = _session()
     search_type = config.get("search_type") if isinstance(config, dict) else None
-    op_type = _op_type(config, allow_all=search_type == SEARCH_ALL)
+    op_type = _op_type(config, allow_all=search_type in (SEARCH_ALL, SEARCH_ALL_CHIPS, SEARCH_CHIPS))
     return_type = config.get("return_type", "str")
     if return_type not in (None, "str"):
         raise _bad_argument("return_type %r is not supported; ask for 'str' results." % (return_type,))
@@ -272,10 +352,23 @@ def ovra_kb_search_async(keyword, config):
 
             def job():
                 return backend.all(scope, target)
+        elif search_type == SEARCH_ALL_CHIPS:
+            target = None if op_type == ALL_OP_TYPES else op_type
+
+            def job():
+                return backend.export_all(target)
+        elif search_type == SEARCH_CHIPS:
+            if op_type != ALL_OP_TYPES:
+                raise errors.kb_error(
+                    errors.INVALID_OP_TYPE,
+                    "search_type 'chips' counts the records of every op type; set op_type to '*'.",
+                )
+            job = backend.chips
         else:
             raise errors.kb_error(
                 errors.UNKNOWN_SEARCH_TYPE,
-                "search_type %r is unknown; use 'exact' (or leave it unset), 'prefix' or 'all'."
+                "search_type %r is unknown; use 'exact' (or leave it unset), 'prefix', 'all', 'all_chips' "
+                "or 'chips'."
                 % (search_type,),
             )
     except UnicodeError as exc:
@@ -285,6 +378,7 @@ def ovra_kb_search_async(keyword, config):
     return handle
 
 
+@_entry
 def ovra_kb_search_get(handle):
     """Poll a search: ``(False, [])`` while it runs, then ``(True, rows)`` once."""
     return _KB.tasks.take(handle)

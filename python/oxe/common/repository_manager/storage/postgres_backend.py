@@ -38,7 +38,7 @@ import sys
 import threading
 
 from .. import errors
-from .base import SqlKnowledgeBackend
+from .base import SqlKnowledgeBackend, chips_sql, through_fork_gate
 
 SCHEMA_VERSION = 1
 POOL_SIZE = 4
@@ -240,6 +240,7 @@ class PostgresBackend(SqlKnowledgeBackend):
     SQL_ALL_OF_TYPE = SQL_ALL_OF_TYPE
     SQL_ALL_OF_SCOPE = SQL_ALL_OF_SCOPE
     SQL_EXPORT = SQL_EXPORT
+    SQL_CHIPS = chips_sql(RECORDS_TABLE)
     SCHEMA_VERSION = SCHEMA_VERSION
     OTHER_BANK = "another database"
 
@@ -257,6 +258,7 @@ class PostgresBackend(SqlKnowledgeBackend):
         self.target = _Target(location, {})
 
     # ----------------------------------------------------------- life cycle
+    @through_fork_gate
     def open(self):
         self._pg = load_driver()
         self._parse_location()
@@ -272,6 +274,7 @@ class PostgresBackend(SqlKnowledgeBackend):
             self._open_links = 1
             self._closed = False
 
+    @through_fork_gate
     def close(self):
         with self._cond:
             if self._closed and not self._idle:
@@ -288,6 +291,7 @@ class PostgresBackend(SqlKnowledgeBackend):
             for link in links:
                 link.close()
 
+    @through_fork_gate
     def flush(self):
         """Make every write of this process durable now."""
         with self._cond:

@@ -22,12 +22,16 @@ import os
 import sqlite3
 import threading
 import time
+from urllib.parse import quote
 
 from .. import errors
-from .base import SqlKnowledgeBackend
+from .base import SqlKnowledgeBackend, chips_sql, through_fork_gate
 
 DB_FILE_NAME = "ovra_kb.db"
 SCHEMA_VERSION = 1
+
+# SQLite refuses file names longer than this.
+_PATH_LIMIT = 512
 
 # Total time a statement may wait for another connection or process to let
 # go of the database before the call fails.
@@ -105,6 +109,27 @@ def _retry(action, deadline):
         delay = min(delay * 2, 0.05)
 
 
+def _is_damage(exc):
+    """An error that says the database file is not a sound SQLite database."""
+    text = str(exc).lower()
+    return "not a database" in text or "malformed" in text or "corrupt" in text
+
+
+def _remove_quietly(path, directory=False):
+    try:
+        (os.rmdir if directory else os.remove)(path)
+    except OSError:
+        pass
+
+
+def _identity(path):
+    try:
+        info = os.stat(path)
+    except OSError:
+        return None
+    return info.st_dev, info.st_ino
+
+
 def _fsync_path(path, directory=False):
     try:
         fd = os.open(path, os.O_RDONLY | (getattr(os, "O_DIRECTORY", 0) if directory else 0))
@@ -129,6 +154,7 @@ class SqliteBackend(SqlKnowledgeBackend):
     SQL_ALL_OF_TYPE = SQL_ALL_OF_TYPE
     SQL_ALL_OF_SCOPE = SQL_ALL_OF_SCOPE
     SQL_EXPORT = _SQL_EXPORT
+    SQL_CHIPS = chips_sql(_TABLE)
     NO_LIMIT = -1
     SCHEMA_VERSION = SCHEMA_VERSION
     OTHER_BANK = "another directory"
@@ -143,14 +169,36 @@ class SqliteBackend(SqlKnowledgeBackend):
         self._writer = None
         self._readers = []
         self._closed = True
+        self._read_only = False
+        self._read_uri = None
+        self._file_identity = None
 
     # ----------------------------------------------------------- life cycle
+    @through_fork_gate
     def open(self):
-        self._make_directory()
+        created = self._make_directory()
+        new_file = not os.path.exists(self.db_path)
+        try:
+            if self._on_read_only_storage():
+                self._open_read_only()
+            else:
+                self._writer = self._open_writer()
+        except BaseException:
+            # A bank that could not be opened leaves nothing behind that this call made.
+            if new_file:
+                for suffix in ("", "-wal", "-shm", "-journal"):
+                    _remove_quietly(self.db_path + suffix)
+            for directory in reversed(created):
+                _remove_quietly(directory, directory=True)
+            raise
+        self._file_identity = _identity(self.db_path)
+        self._closed = False
+
+    def _open_writer(self):
         try:
             writer = self._connect()
         except sqlite3.Error as exc:
-            raise self._unusable(exc)
+            raise self._open_error(exc)
         try:
             deadline = time.monotonic() + self._busy_timeout
             mode = _retry(lambda: writer.execute("PRAGMA journal_mode=WAL").fetchone()[0], deadline)
@@ -164,13 +212,52 @@ class SqliteBackend(SqlKnowledgeBackend):
             self._prepare_schema(writer, deadline)
         except sqlite3.Error as exc:
             writer.close()
-            raise self._unusable(exc)
+            raise self._open_error(exc)
         except BaseException:
             writer.close()
             raise
-        self._writer = writer
-        self._closed = False
+        return writer
 
+    def _on_read_only_storage(self):
+        """An existing bank on storage that this process cannot write (read-only media or mount)."""
+        if not os.path.exists(self.db_path):
+            return False
+        try:
+            if os.statvfs(self.directory).f_flag & os.ST_RDONLY:
+                return True
+        except (OSError, AttributeError):
+            pass
+        return not os.access(self.directory, os.W_OK) or not os.access(self.db_path, os.W_OK)
+
+    def _open_read_only(self):
+        # Without write access SQLite reads a write-ahead-logged bank only through its shared-memory file;
+        # where that cannot be made, the bank is read as the immutable file it is on such storage.
+        for options in ("mode=ro", "immutable=1"):
+            conn = None
+            try:
+                conn = self._connect("file:%s?%s" % (quote(self.db_path), options))
+                version = conn.execute("PRAGMA user_version").fetchone()[0]
+                self._check_not_newer(version)
+                conn.execute("SELECT 1 FROM records LIMIT 1").fetchall()
+            except sqlite3.Error as exc:
+                if conn is not None:
+                    conn.close()
+                error = exc
+                continue
+            except BaseException:
+                conn.close()
+                raise
+            conn.close()
+            self._read_uri = options
+            self._read_only = True
+            return
+        raise self._open_error(error)
+
+    def still_there(self):
+        """False when the database file was removed or replaced since the bank was opened."""
+        return _identity(self.db_path) == self._file_identity
+
+    @through_fork_gate
     def close(self):
         with self._write_lock:
             writer, self._writer = self._writer, None
@@ -185,6 +272,7 @@ class SqliteBackend(SqlKnowledgeBackend):
         for conn in readers:
             conn.close()
 
+    @through_fork_gate
     def flush(self):
         """Make every committed write durable (checkpoint and fsync)."""
         with self._write_lock:
@@ -202,9 +290,18 @@ class SqliteBackend(SqlKnowledgeBackend):
         _fsync_path(self.directory, directory=True)
 
     def _make_directory(self):
+        """Creates the bank directory and its missing parents; answers the ones it created, top first."""
+        created = []
+        path = self.directory
+        while path and not os.path.exists(path):
+            created.insert(0, path)
+            parent = os.path.dirname(path)
+            path = parent if parent != path else ""
         try:
             os.makedirs(self.directory, exist_ok=True)
         except OSError as exc:
+            for directory in reversed(created):
+                _remove_quietly(directory, directory=True)
             raise errors.kb_error(
                 errors.BANK_PATH_UNUSABLE,
                 "The knowledge bank directory %s cannot be created (%s); "
@@ -218,8 +315,18 @@ class SqliteBackend(SqlKnowledgeBackend):
                 "set op_bank_path to a writable directory." % self.directory,
                 op_bank_path=self.directory,
             )
+        return created
 
-    def _unusable(self, exc):
+    def _open_error(self, exc):
+        if _is_damage(exc):
+            return self._damaged(exc)
+        if len(self.db_path.encode("utf-8", "surrogateescape")) > _PATH_LIMIT:
+            return errors.kb_error(
+                errors.BANK_PATH_UNUSABLE,
+                "The knowledge bank path %s is too long for the database (%d bytes, at most %d); "
+                "set op_bank_path to a shorter directory." % (self.db_path, len(self.db_path), _PATH_LIMIT),
+                op_bank_path=self.directory,
+            )
         return errors.kb_error(
             errors.BANK_PATH_UNUSABLE,
             "The knowledge bank %s cannot be opened for writing (%s); "
@@ -227,14 +334,27 @@ class SqliteBackend(SqlKnowledgeBackend):
             op_bank_path=self.directory,
         )
 
-    def _connect(self):
+    def _damaged(self, exc):
+        return errors.kb_error(
+            errors.BANK_DAMAGED,
+            "The knowledge bank database %s is damaged (%s); move the file aside and import the last export "
+            "into a new bank." % (self.db_path, exc),
+            op_bank_path=self.directory,
+        )
+
+    def _connect(self, uri=None):
         conn = sqlite3.connect(
-            self.db_path,
+            uri or self.db_path,
             timeout=self._busy_timeout,
             isolation_level=None,
             check_same_thread=False,
+            uri=uri is not None,
         )
-        conn.execute("PRAGMA synchronous=NORMAL")
+        try:
+            conn.execute("PRAGMA synchronous=NORMAL")
+        except BaseException:
+            conn.close()
+            raise
         return conn
 
     def _prepare_schema(self, conn, deadline):
@@ -265,6 +385,8 @@ class SqliteBackend(SqlKnowledgeBackend):
 
     # --------------------------------------------------------------- helpers
     def _storage_error(self, exc, action):
+        if _is_damage(exc):
+            return self._damaged(exc)
         return errors.kb_error(
             errors.STORAGE_FAILURE,
             "Could not %s the knowledge bank %s (%s); check free space and permissions, "
@@ -272,8 +394,28 @@ class SqliteBackend(SqlKnowledgeBackend):
             op_bank_path=self.directory,
         )
 
+    def _check_still_there(self):
+        # A write to a file that was removed would go to an inode that nothing names any more.
+        if not self._closed and not self.still_there():
+            raise errors.kb_error(
+                errors.BANK_PATH_UNUSABLE,
+                "The knowledge bank database %s was removed or replaced after the bank was opened, so nothing "
+                "was written or read; initialise the knowledge base again to open the bank anew, or set "
+                "op_bank_path to another directory." % self.db_path,
+                op_bank_path=self.directory,
+            )
+
     def _modify(self, sql, params, durable):
         with self._write_lock:
+            if self._read_only and not self._closed:
+                raise errors.kb_error(
+                    errors.BANK_READ_ONLY,
+                    "The knowledge bank %s is on storage that cannot be written; it can be searched and exported, "
+                    "and changed only after it is copied to a writable directory (export it and import it into "
+                    "another bank)." % self.db_path,
+                    op_bank_path=self.directory,
+                )
+            self._check_still_there()
             conn = self._writer
             if conn is None:
                 raise self._closed_error()
@@ -296,7 +438,7 @@ class SqliteBackend(SqlKnowledgeBackend):
             if self._readers:
                 return self._readers.pop()
         try:
-            conn = self._connect()
+            conn = self._connect("file:%s?%s" % (quote(self.db_path), self._read_uri) if self._read_only else None)
             conn.execute("PRAGMA query_only=1")
         except sqlite3.Error as exc:
             raise self._storage_error(exc, "read")
@@ -310,6 +452,7 @@ class SqliteBackend(SqlKnowledgeBackend):
         conn.close()
 
     def _query(self, sql, params):
+        self._check_still_there()
         conn = self._acquire_reader()
         try:
             return _retry(lambda: conn.execute(sql, params).fetchall(),

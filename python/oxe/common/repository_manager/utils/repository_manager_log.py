@@ -9,7 +9,9 @@ it is given.
 
 import traceback
 
+# The codes of errors.py, written out: this module is imported on its own, before the package's others.
 GENERIC_ERROR_CODE = "OVRA_KB_E999"
+INVALID_ARGUMENT_CODE = "OVRA_KB_E009"
 
 
 def _clean(text):
@@ -74,6 +76,21 @@ def _payload(exc_value):
     return None
 
 
+def _argument_not_utf8(exc_value, exc_tb):
+    """A text that the native library could not hand to Python: it fails while it builds the call's
+    arguments, before any Python frame runs, so the exception has no traceback of its own."""
+    if exc_tb is not None or not isinstance(exc_value, UnicodeDecodeError):
+        return None
+    start = exc_value.object[:24] if isinstance(exc_value.object, bytes) else b""
+    return {
+        "errCode": INVALID_ARGUMENT_CODE,
+        "message": "The keyword (or, in a write, the knowledge) is not valid UTF-8 text: %s in the text that "
+                   "starts %r; pass keyword and knowledge as UTF-8." % (_text(exc_value.reason), start),
+        "argument": "keyword or knowledge",
+        "argument_start": _text(repr(start)),
+    }
+
+
 def get_py_exception_str(exc_type=None, exc_value=None, exc_tb=None, *_ignored, **_ignored_kw):
     """The formatted exception, as ``traceback`` prints it; never raises."""
     try:
@@ -100,6 +117,8 @@ def get_py_exception_dict(exc_type=None, exc_value=None, exc_tb=None, *_ignored,
     result = {}
     try:
         payload = _payload(exc_value)
+        if payload is None:
+            payload = _argument_not_utf8(exc_value, exc_tb)
         if payload is not None:
             for key, value in list(payload.items()):
                 result[_text(key)] = _text(value)
