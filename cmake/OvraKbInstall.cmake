@@ -17,10 +17,20 @@ install(FILES platform/include/ovra_platform/platform.h DESTINATION ${CMAKE_INST
 install(EXPORT OvraKbTargets NAMESPACE OvraKb:: DESTINATION ${OVRA_KB_INSTALL_CMAKEDIR})
 configure_package_config_file(cmake/templates/OvraKbConfig.cmake.in "${PROJECT_BINARY_DIR}/OvraKbConfig.cmake"
   INSTALL_DESTINATION ${OVRA_KB_INSTALL_CMAKEDIR} PATH_VARS OVRA_KB_INSTALL_PYTHONDIR)
-write_basic_package_version_file("${PROJECT_BINARY_DIR}/OvraKbConfigVersion.cmake" COMPATIBILITY SameMajorVersion)
+# Before 1.0 a minor release may break the interface: only the same minor version is compatible.
+if(PROJECT_VERSION_MAJOR EQUAL 0)
+  set(OVRA_KB_COMPATIBILITY SameMinorVersion)
+else()
+  set(OVRA_KB_COMPATIBILITY SameMajorVersion)
+endif()
+write_basic_package_version_file("${PROJECT_BINARY_DIR}/OvraKbConfigVersion.cmake"
+  COMPATIBILITY ${OVRA_KB_COMPATIBILITY})
 install(FILES "${PROJECT_BINARY_DIR}/OvraKbConfig.cmake" "${PROJECT_BINARY_DIR}/OvraKbConfigVersion.cmake"
   DESTINATION ${OVRA_KB_INSTALL_CMAKEDIR})
 
+# The .pc file finds the prefix from where it lies, however deep the library directory is.
+file(RELATIVE_PATH OVRA_KB_PC_TO_PREFIX "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
+string(REGEX REPLACE "/$" "" OVRA_KB_PC_TO_PREFIX "${OVRA_KB_PC_TO_PREFIX}")
 configure_file(cmake/templates/ovra_kb.pc.in "${PROJECT_BINARY_DIR}/ovra_kb.pc" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/ovra_kb.pc" DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
@@ -34,7 +44,10 @@ endif()
 install(DIRECTORY python/oxe DESTINATION ${OVRA_KB_INSTALL_PYTHONDIR}
   PATTERN "__pycache__" EXCLUDE PATTERN "*.pyc" EXCLUDE)
 install(FILES python/README.md DESTINATION ${OVRA_KB_INSTALL_PYTHONDIR})
-install(FILES README.md CHANGELOG.md DESTINATION ${OVRA_KB_INSTALL_DOCDIR})
+install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${OVRA_KB_INSTALL_DOCDIR})
+# Debian's copyright file: the licence and who holds it.
+configure_file(cmake/templates/copyright.in "${PROJECT_BINARY_DIR}/copyright" @ONLY)
+install(FILES "${PROJECT_BINARY_DIR}/copyright" DESTINATION ${OVRA_KB_INSTALL_DOCDIR})
 install(DIRECTORY docs/ DESTINATION ${OVRA_KB_INSTALL_DOCDIR} OPTIONAL)
 
 set(CPACK_PACKAGE_NAME "ovra-kb")
@@ -44,10 +57,12 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
 set(CPACK_PACKAGE_VERSION "${PROJECT_VERSION}")
 set(CPACK_GENERATOR "DEB")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_SECTION "libs")
+set(CPACK_DEBIAN_PACKAGE_SECTION "devel")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-# The runtime is found through python3 and needs its shared library under the LDLIBRARY name.
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "python3 (>= 3.6)")
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "libpython3-dev")
+# The library loads the runtime that python3 names as its LDLIBRARY, libpython3.X.so, which Debian ships in
+# libpython3.X-dev (libpython3-dev depends on the one of the default python3).
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "python3 (>= 3.6), libpython3-dev")
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "python3-psycopg")
+set(CPACK_STRIP_FILES ON)
 set(CPACK_PACKAGING_INSTALL_PREFIX "/usr")
 include(CPack)

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the built project into a scratch prefix, builds and runs the three example consumers
-# against that installed tree, then builds the Debian package, unpacks it into a scratch root and
-# runs `ovra-kb demo` from there.
+# against that installed tree, checks the CMake package's version rule and a pkg-config file in a
+# Debian-style library directory (from a build without tests), then builds the Debian package,
+# checks what it holds, unpacks it into a scratch root and runs `ovra-kb demo` from there.
 #   ci_install.sh BUILD_DIR
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
@@ -9,19 +10,46 @@ build="$(cd "${1:-$root/build}" && pwd)"
 work="$(mktemp -d /tmp/ovra-kb-install.XXXXXX)"
 trap 'rm -rf "$work"' EXIT
 stage="$work/stage"
+fail() { echo "ci_install: $*" >&2; exit 1; }
 
 echo "== install into $stage"
 cmake --install "$build" --prefix "$stage" >/dev/null
 export PYTHONPATH="$stage/share/ovra_kb/python"
+[ -f "$stage/share/doc/ovra-kb/LICENSE" ] || fail "the licence is not installed"
 
 echo "== consumer through find_package"
 cmake -S "$root/examples/find_package" -B "$work/find_package" -G Ninja -DCMAKE_PREFIX_PATH="$stage" >/dev/null
 cmake --build "$work/find_package" >/dev/null
 "$work/find_package/consumer" "$work/bank-find-package"
 
+echo "== version rule of the CMake package"
+mkdir -p "$work/version"
+for wanted in 0.0.1 "$(cd "$build" && sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' CMakeCache.txt)"; do
+  printf 'cmake_minimum_required(VERSION 3.20)\nproject(v NONE)\nfind_package(OvraKb %s CONFIG QUIET)\nmessage(STATUS "found=${OvraKb_FOUND}")\n' \
+    "$wanted" >"$work/version/CMakeLists.txt"
+  found="$(cmake -S "$work/version" -B "$work/version/build" -DCMAKE_PREFIX_PATH="$stage" | sed -n 's/^-- found=//p')"
+  rm -rf "$work/version/build"
+  echo "find_package(OvraKb $wanted): found=$found"
+  case "$wanted" in 0.0.1) [ "$found" != 1 ] || fail "0.0.1 must not accept another 0.x minor" ;; *) [ "$found" = 1 ] || fail "$wanted not found" ;; esac
+done
+
 echo "== consumer through pkg-config"
 PKG_CONFIG_PATH="$stage/lib/pkgconfig" sh "$root/examples/pkg-config/build.sh" "$work/pkg_config_consumer"
-"$work/pkg_config_consumer" "$work/bank-pkg-config"
+LD_LIBRARY_PATH="$stage/lib" "$work/pkg_config_consumer" "$work/bank-pkg-config"
+
+echo "== a build without tests, installed with a Debian-style library directory"
+cmake -S "$root" -B "$work/light" -G Ninja -DCMAKE_BUILD_TYPE=Release -DOVRA_KB_BUILD_TESTS=OFF \
+  -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_LIBDIR=lib/x86_64-linux-gnu >"$work/light.log"
+if grep -qiE 'gtest|test interpreters' "$work/light.log"; then fail "a build without tests looked for GoogleTest or interpreters"; fi
+cmake --build "$work/light" -j "$(nproc)" >/dev/null
+DESTDIR="$work/light-root" cmake --install "$work/light" >/dev/null
+pc_dir="$work/light-root/usr/lib/x86_64-linux-gnu/pkgconfig"
+flags="$(PKG_CONFIG_PATH="$pc_dir" pkg-config --cflags --libs ovra_kb)"
+echo "pkg-config: $flags"
+case "$flags" in *-std=* | *rpath*) fail "the .pc file forces a language standard or an rpath" ;; esac
+PKG_CONFIG_PATH="$pc_dir" sh "$root/examples/pkg-config/build.sh" "$work/light_consumer"
+LD_LIBRARY_PATH="$work/light-root/usr/lib/x86_64-linux-gnu" PYTHONPATH="$work/light-root/usr/share/ovra_kb/python" \
+  "$work/light_consumer" "$work/bank-light"
 
 echo "== consumer through dlopen"
 cmake -S "$root/examples/dlopen" -B "$work/dlopen" -G Ninja -DCMAKE_PREFIX_PATH="$stage" >/dev/null
@@ -31,8 +59,16 @@ cmake --build "$work/dlopen" >/dev/null
 echo "== Debian package"
 (cd "$build" && cpack -G DEB -B "$work/package" >/dev/null)
 deb="$(ls "$work"/package/*.deb)"
-dpkg-deb --info "$deb" | grep -E 'Package|Version|Depends'
+dpkg-deb --info "$deb" | grep -E 'Package|Version|Section|Depends'
+dpkg-deb --info "$deb" | grep -q 'Depends:.*libpython3-dev' || fail "the package does not depend on the Python runtime it loads"
 dpkg-deb -x "$deb" "$work/root"
+for path in usr/share/doc/ovra-kb/copyright usr/share/doc/ovra-kb/LICENSE usr/share/man/man1/ovra-kb.1.gz \
+  usr/share/bash-completion/completions/ovra-kb; do
+  [ -f "$work/root/$path" ] || fail "the package lacks /$path"
+done
+for binary in "$work"/root/usr/bin/ovra-kb "$work"/root/usr/lib/libovra_kb.so.*.*; do
+  file "$binary" | grep -q ', stripped' || fail "$binary is not stripped"
+done
 unset PYTHONPATH
 "$work/root/usr/bin/ovra-kb" --version
 "$work/root/usr/bin/ovra-kb" demo --bank "$work/bank-deb"

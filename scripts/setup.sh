@@ -1,15 +1,21 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build and the tests need, when any is missing.
+# Installs the Debian packages that are missing.
+#   setup.sh          what the build, every test and every CI job need
+#   setup.sh demo     only what the library, the ovra-kb command and its demo need
 set -euo pipefail
 
-packages=(
-  cmake ninja-build g++ clang make pkg-config file
-  libgtest-dev libgmock-dev libbenchmark-dev pybind11-dev
-  python3 libpython3-dev
-  postgresql python3-psycopg
-  binutils valgrind dpkg-dev
-  libclang-rt-14-dev llvm
-)
+# The library builds with CMake and a C++17 compiler and loads the python3 runtime, whose shared
+# library Debian ships in libpython3-dev.
+packages=(cmake ninja-build g++ python3 libpython3-dev)
+if [ "${1:-}" != demo ]; then
+  packages+=(
+    clang make pkg-config file
+    libgtest-dev libgmock-dev libbenchmark-dev pybind11-dev
+    postgresql python3-psycopg
+    binutils valgrind dpkg-dev
+    libclang-rt-14-dev llvm
+  )
+fi
 
 missing=()
 for package in "${packages[@]}"; do
