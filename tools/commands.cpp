@@ -1,11 +1,16 @@
 #include "commands.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iostream>
+#include <iterator>
 #include <utility>
 
 #include "environment.h"
@@ -19,6 +24,48 @@ namespace {
 const char kEveryOpType[] = "*";
 // Imports of this many records or more tell their progress, ten times over the file.
 const std::size_t kProgressThreshold = 1000;
+
+// "-" names standard input (import, write's knowledge) or standard output (export).
+const char kStandardStream[] = "-";
+// Editors on some systems start a UTF-8 file with it.
+const char kByteOrderMark[] = "\xEF\xBB\xBF";
+// The exit status of a command ended by Ctrl-C, as a shell reports a process ended by SIGINT.
+const int kExitInterrupted = 130;
+
+volatile std::sig_atomic_t gInterrupted = 0;
+
+void NoteInterrupt(int)
+{
+    gInterrupted = 1;
+}
+
+// Ctrl-C ends a long import or export between two records, so that it can say what it did.
+class InterruptCatcher {
+  public:
+    InterruptCatcher()
+    {
+        struct sigaction catcher = {};
+        catcher.sa_handler = NoteInterrupt;
+        sigemptyset(&catcher.sa_mask);
+        sigaction(SIGINT, &catcher, &previous_);
+    }
+    ~InterruptCatcher() { sigaction(SIGINT, &previous_, nullptr); }
+    InterruptCatcher(const InterruptCatcher &) = delete;
+    InterruptCatcher &operator=(const InterruptCatcher &) = delete;
+
+  private:
+    struct sigaction previous_ = {};
+};
+
+std::string ShownFile(const std::string &operand)
+{
+    return operand == kStandardStream ? "standard input" : operand;
+}
+
+std::string Plural(std::size_t count, const char *noun)
+{
+    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
 
 // A record of the searches that span the bank's chips (the reference package's extensions).
 const char kEveryChip[] = "all_chips";
@@ -109,15 +156,22 @@ int CannotRead(const std::string &file)
 // Every line is read and checked before the first write, so that a malformed file changes nothing.
 int ReadRecords(const Options &options, std::vector<Record> &records)
 {
-    const std::string &file = options.operands[0];
-    std::ifstream in(file);
-    if (!in) {
-        return CannotRead(file);
+    const std::string file = ShownFile(options.operands[0]);
+    std::ifstream opened;
+    if (options.operands[0] != kStandardStream) {
+        opened.open(options.operands[0]);
+        if (!opened) {
+            return CannotRead(file);
+        }
     }
+    std::istream &in = options.operands[0] == kStandardStream ? std::cin : opened;
     std::string text;
     for (std::size_t line = 1; std::getline(in, text); ++line) {
         Record record;
         std::string error;
+        if (line == 1 && text.compare(0, sizeof(kByteOrderMark) - 1, kByteOrderMark) == 0) {
+            text.erase(0, sizeof(kByteOrderMark) - 1);
+        }
         if (IsBlank(text)) {
             continue;
         }
@@ -176,12 +230,20 @@ int WriteRecords(KbSession &kb, const Chip &sessionChip, const std::vector<Recor
             }
             current = record.chip;
         }
-        const bool durable = i + 1 == ordered.size();
+        // The last record, or the last before an interrupt, is durable and makes the earlier ones so.
+        const bool durable = i + 1 == ordered.size() || gInterrupted != 0;
         const CallOutcome written = kb.Write(record.keyword, record.knowledge, record.opType, durable);
         if (!written.Ok()) {
             return ReportFailure(written, record.opType, where);
         }
         ShowProgress(i + 1, ordered.size());
+        if (gInterrupted != 0 && i + 1 < ordered.size()) {
+            std::fprintf(stderr,
+                         "ovra-kb: interrupted: %s of %zu were imported, each whole, and made durable; the others "
+                         "were not written (import the file again to finish: records are replaced, not doubled)\n",
+                         Plural(i + 1, "record").c_str(), ordered.size());
+            return kExitInterrupted;
+        }
     }
     return 0;
 }
@@ -206,26 +268,54 @@ int CannotWrite(const std::string &file)
     return kExitCannotCreate;
 }
 
+// A file is written under a temporary name beside it and renamed when complete, so that an interrupted or
+// failed export leaves no half-written file.
 int WriteExport(const std::vector<OvraKb::StrMap> &rows, const Options &options)
 {
-    const bool toFile = !options.operands.empty();
+    const bool toFile = !options.operands.empty() && options.operands[0] != kStandardStream;
     const std::string file = toFile ? options.operands[0] : "standard output";
-    FILE *out = toFile ? std::fopen(file.c_str(), "w") : stdout;
+    std::string partial = file + ".partial-XXXXXX";
+    const int fd = toFile ? mkstemp(&partial[0]) : -1;
+    FILE *out = toFile ? (fd >= 0 ? fdopen(fd, "w") : nullptr) : stdout;
     if (out == nullptr) {
         return CannotWrite(file);
     }
-    for (const OvraKb::StrMap &row : rows) {
-        std::fputs(ExportLine(row, !options.oneChip).c_str(), out);
+    for (std::size_t i = 0; i < rows.size() && gInterrupted == 0; ++i) {
+        std::fputs(ExportLine(rows[i], !options.oneChip).c_str(), out);
     }
     const bool flushed = std::fflush(out) == 0 && std::ferror(out) == 0;
     const bool closed = !toFile || std::fclose(out) == 0;
-    if (!flushed || !closed) {
+    const bool complete = flushed && closed && gInterrupted == 0;
+    if (toFile && (!complete || std::rename(partial.c_str(), file.c_str()) != 0)) {
+        const int error = errno;
+        std::remove(partial.c_str());
+        errno = error;
+    }
+    if (gInterrupted != 0) {
+        std::fprintf(stderr, "ovra-kb: interrupted: %s\n",
+                     toFile ? ("nothing was written to " + file).c_str() : "the output stops short");
+        return kExitInterrupted;
+    }
+    if (!complete || (toFile && access(file.c_str(), F_OK) != 0)) {
         return CannotWrite(file);
     }
     if (toFile) {
-        std::printf("exported %zu records to %s\n", rows.size(), file.c_str());
+        std::printf("exported %s to %s\n", Plural(rows.size(), "record").c_str(), file.c_str());
     }
     return 0;
+}
+
+// Only write and import make a bank; the other commands on a bank that does not exist would make an empty one
+// (and its missing parents) for a mistyped path and then find nothing in it.
+int RequireExistingBank(const Options &options)
+{
+    const std::string bank = BankDir(options);
+    if (IsServerUrl(bank) || IsDirectory(bank)) {
+        return 0;
+    }
+    std::fprintf(stderr, "ovra-kb: there is no bank at %s; check --bank (only write and import create a bank)\n",
+                 bank.c_str());
+    return kExitNoInput;
 }
 
 }  // namespace
@@ -235,11 +325,33 @@ std::string BankDir(const Options &options)
     return options.bank.empty() ? DefaultBankDir() : options.bank;
 }
 
+// The knowledge of a write: its operand, standard input for "-", or the file of --file (a command line holds
+// at most 128 KiB per word).
+bool ReadKnowledge(const Options &options, std::string &knowledge)
+{
+    const bool fromInput = options.knowledgeFile.empty() && options.operands[1] == kStandardStream;
+    if (options.knowledgeFile.empty() && !fromInput) {
+        knowledge = options.operands[1];
+        return true;
+    }
+    std::ifstream file;
+    if (!fromInput) {
+        file.open(options.knowledgeFile, std::ios::binary);
+    }
+    std::istream &in = fromInput ? std::cin : file;
+    knowledge.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    return !in.bad() && (fromInput || file.is_open());
+}
+
 int RunWrite(const Options &options)
 {
     const std::string &keyword = options.operands[0];
+    std::string knowledge;
+    if (!ReadKnowledge(options, knowledge)) {
+        return CannotRead(options.knowledgeFile.empty() ? "standard input" : options.knowledgeFile);
+    }
     return WithSession(options, BankDir(options), [&](KbSession &kb) {
-        const CallOutcome written = kb.Write(keyword, options.operands[1], options.opType, true);
+        const CallOutcome written = kb.Write(keyword, knowledge, options.opType, true);
         if (!written.Ok()) {
             return ReportFailure(written, options.opType);
         }
@@ -250,6 +362,9 @@ int RunWrite(const Options &options)
 
 int RunSearch(const Options &options)
 {
+    if (const int missing = RequireExistingBank(options)) {
+        return missing;
+    }
     const std::string keyword = options.operands.empty() ? "" : options.operands[0];
     return WithSession(options, BankDir(options), [&](KbSession &kb) {
         std::vector<OvraKb::StrMap> rows;
@@ -261,6 +376,9 @@ int RunSearch(const Options &options)
 // The knowledge base answers a delete of a missing record with success; looking first tells the user which.
 int RunDelete(const Options &options)
 {
+    if (const int missing = RequireExistingBank(options)) {
+        return missing;
+    }
     const std::string &keyword = options.operands[0];
     return WithSession(options, BankDir(options), [&](KbSession &kb) {
         std::vector<OvraKb::StrMap> existing;
@@ -284,11 +402,12 @@ int RunImport(const Options &options)
     if (read != 0) {
         return read;
     }
-    const std::string &file = options.operands[0];
+    const std::string file = ShownFile(options.operands[0]);
+    InterruptCatcher catcher;
     return WithSession(options, BankDir(options), [&](KbSession &kb) {
         const int status = WriteRecords(kb, Chip{options.soc, options.cores}, records, file);
         if (status == 0) {
-            std::printf("imported %zu records from %s\n", records.size(), file.c_str());
+            std::printf("imported %s from %s\n", Plural(records.size(), "record").c_str(), file.c_str());
         }
         return status;
     });
@@ -296,7 +415,11 @@ int RunImport(const Options &options)
 
 int RunExport(const Options &options)
 {
+    if (const int missing = RequireExistingBank(options)) {
+        return missing;
+    }
     const std::string opType = options.opTypeGiven ? options.opType : kEveryOpType;
+    InterruptCatcher catcher;
     return WithSession(options, BankDir(options), [&](KbSession &kb) {
         std::vector<OvraKb::StrMap> rows;
         const CallOutcome found = kb.Search("", opType, options.oneChip ? "all" : kEveryChip, rows);
@@ -306,6 +429,9 @@ int RunExport(const Options &options)
 
 int RunStats(const Options &options)
 {
+    if (const int missing = RequireExistingBank(options)) {
+        return missing;
+    }
     return WithSession(options, BankDir(options), [&](KbSession &kb) {
         std::vector<OvraKb::StrMap> chips;
         const CallOutcome found = kb.Search("", kEveryOpType, kChipCounts, chips);

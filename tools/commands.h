@@ -16,6 +16,9 @@ int RunStats(const Options &options);
 int RunDemo(const Options &options);
 int RunDoctor(const Options &options);
 
+// What keeps the library from starting Python, as doctor finds it ("check: fix"), or "" when it finds nothing.
+std::string FirstPythonProblem();
+
 // The bank of --bank, or the default one.
 std::string BankDir(const Options &options);
 

@@ -16,6 +16,7 @@
 
 #include "commands.h"
 #include "environment.h"
+#include "output.h"
 #include "runtime/python_api.h"
 #include "shell.h"
 
@@ -31,15 +32,29 @@ const std::size_t kEntryPointCount = sizeof(kEntryPoints) / sizeof(kEntryPoints[
 const std::string kLdLibraryArgs = " -c \"import sysconfig; print(sysconfig.get_config_var(\\\"LDLIBRARY\\\"))\"";
 const std::string kLibDirArgs = " -c \"import sysconfig; print(sysconfig.get_config_var(\\\"LIBDIR\\\"))\"";
 const char kIdentityQuery[] =
-    "python3 -c 'import sys; print(sys.executable); print(\"%d.%d.%d\" % sys.version_info[:3])' 2>&1";
+    "python3 -c 'import sys, sysconfig; print(sys.executable); print(\"%d.%d.%d\" % sys.version_info[:3]); "
+    "print(sysconfig.get_config_var(\"Py_GIL_DISABLED\") or 0)' 2>&1";
 const int kTimingRuns = 3;
 const char kInstallPython[] =
     "install a CPython 3.6 to 3.13 built as a shared library (Debian: apt-get install python3 libpython3-dev; "
     "pyenv: PYTHON_CONFIGURE_OPTS=--enable-shared pyenv install VERSION) and put it first on PATH";
 
+const char kSharedBuild[] =
+    "install a build with a shared library (pyenv: PYTHON_CONFIGURE_OPTS=--enable-shared pyenv install VERSION; "
+    "Debian: apt-get install libpython3-dev) and put it first on PATH";
+
+struct Finding {
+    bool ok;
+    std::string name;
+    std::string text;
+};
+
+// How the findings reach the person: a line each as they come, a JSON array at the end, or kept unsaid.
+enum class Telling { kLines, kJson, kQuiet };
+
 class Doctor {
   public:
-    explicit Doctor(std::string bank) : bank_(std::move(bank)) {}
+    Doctor(std::string bank, Telling telling) : bank_(std::move(bank)), telling_(telling) {}
 
     int Run()
     {
@@ -47,19 +62,49 @@ class Doctor {
         CheckRuntime();
         CheckModules();
         CheckBank();
+        if (telling_ == Telling::kJson) {
+            PrintJson();
+        }
         return failures_ == 0 ? 0 : kExitProblemFound;
+    }
+
+    // The first thing that keeps the library from starting Python, as "check: what to fix", or "".
+    std::string FirstPythonProblem()
+    {
+        CheckPython();
+        CheckRuntime();
+        CheckModules();
+        for (const Finding &finding : findings_) {
+            if (!finding.ok) {
+                return finding.name + ": " + finding.text;
+            }
+        }
+        return "";
     }
 
   private:
     void Report(bool ok, const std::string &name, const std::string &text)
     {
-        std::printf("%-4s %s: %s\n", ok ? "ok" : "fix", name.c_str(), text.c_str());
-        std::fflush(stdout);
+        findings_.push_back(Finding{ok, name, text});
         failures_ += ok ? 0 : 1;
+        if (telling_ == Telling::kLines) {
+            std::printf("%-4s %s: %s\n", ok ? "ok" : "fix", name.c_str(), text.c_str());
+            std::fflush(stdout);
+        }
+    }
+
+    void PrintJson() const
+    {
+        std::vector<OvraKb::StrMap> rows;
+        for (const Finding &finding : findings_) {
+            rows.push_back({{"check", finding.name}, {"ok", finding.ok ? "true" : "false"}, {"detail", finding.text}});
+        }
+        std::fputs(FormatJsonArray(rows).c_str(), stdout);
     }
 
     void CheckPython();
-    void DescribePython(const std::string &onPath, const std::string &executable, const std::string &version);
+    void DescribePython(const std::string &onPath, const std::string &executable, const std::string &version,
+                        bool freeThreaded);
     void CheckRuntime();
     bool CheckConfigVar(const char *name, const std::string &args, std::string &answer);
     void CheckRuntimeFile(const std::string &file);
@@ -69,6 +114,8 @@ class Doctor {
     void CheckServerBank();
 
     std::string bank_;
+    Telling telling_;
+    std::vector<Finding> findings_;
     bool havePython_ = false;
     int failures_ = 0;
 };
@@ -105,14 +152,6 @@ std::string ShimOwner(const std::string &path)
     return FileStart(path, 4096).find("pyenv\" exec") != std::string::npos ? "pyenv's shim" : "a script (a shim?)";
 }
 
-std::string Resolved(const std::string &path)
-{
-    char *real = realpath(path.c_str(), nullptr);
-    const std::string resolved = real != nullptr ? real : path;
-    std::free(real);
-    return resolved;
-}
-
 std::string DirOf(const std::string &path)
 {
     return path.substr(0, path.rfind('/'));
@@ -137,17 +176,27 @@ void Doctor::CheckPython()
         Report(false, "python3", onPath + " does not run (" + LastLine(identity.output) + "); " + kInstallPython);
         return;
     }
-    havePython_ = true;
-    DescribePython(onPath, answer.substr(0, newline), answer.substr(newline + 1));
+    const std::vector<std::string> lines = SplitLines(answer);
+    DescribePython(onPath, lines[0], lines.size() > 1 ? lines[1] : "", lines.size() > 2 && lines[2] == "1");
 }
 
-void Doctor::DescribePython(const std::string &onPath, const std::string &executable, const std::string &version)
+void Doctor::DescribePython(const std::string &onPath, const std::string &executable, const std::string &version,
+                            bool freeThreaded)
 {
     const bool oldPython = version.compare(0, 2, "3.") != 0 || std::atoi(version.c_str() + 2) < 6;
     if (oldPython) {
-        Report(false, "python3", onPath + " is Python " + version + "; " + kInstallPython);
+        Report(false, "python3",
+               onPath + " is Python " + version + ", which the library cannot use; " + kInstallPython);
         return;
     }
+    if (freeThreaded) {
+        Report(false, "python3",
+               onPath + " is a free-threaded build of Python " + version +
+                   ", which the library cannot load (it handles reference counts directly); install a default "
+                   "build (with the global interpreter lock) and put it first on PATH");
+        return;
+    }
+    havePython_ = true;
     if (!IsScript(onPath)) {
         const std::string real = Resolved(onPath);
         Report(true, "python3", onPath + (real != onPath ? " -> " + real : "") + " (Python " + version + ")");
@@ -168,6 +217,15 @@ bool Doctor::CheckConfigVar(const char *name, const std::string &args, std::stri
     const ShellResult result = RunShell("python3" + args);
     answer = TrimRight(result.output);
     const bool ok = result.exitCode == 0 && !answer.empty() && answer != "None";
+    // The library loads only a shared library: a name without ".so" (a static archive) is refused.
+    if (ok && std::string(name) == "LDLIBRARY" && answer.find(".so") == std::string::npos) {
+        Report(false, name,
+               answer +
+                   " is a static library, which the library cannot load: python3 was built without "
+                   "--enable-shared; " +
+                   kSharedBuild);
+        return false;
+    }
     Report(ok, name, ok ? answer : "python3 gives no " + std::string(name) + "; " + kInstallPython);
     return ok;
 }
@@ -267,11 +325,6 @@ std::string NearestExistingAncestor(std::string path)
     return path.empty() ? "." : path;
 }
 
-bool IsServerUrl(const std::string &bank)
-{
-    return bank.rfind("postgresql://", 0) == 0 || bank.rfind("postgres://", 0) == 0;
-}
-
 // The URL without its password, for showing.
 std::string Redacted(const std::string &url)
 {
@@ -295,8 +348,10 @@ void Doctor::CheckServerBank()
     const ShellResult driver = RunShell("python3 -c 'import psycopg' 2>&1");
     if (driver.exitCode != 0) {
         Report(false, "bank",
-               shown + " needs the PostgreSQL driver, which python3 cannot import (" + LastLine(driver.output) +
-                   "); apt-get install python3-psycopg");
+               shown + " needs the PostgreSQL driver, which python3 cannot import (" + LastLine(driver.output) + "); " +
+                   (Resolved(FindOnPath("python3")).rfind("/usr/bin/", 0) == 0
+                        ? "apt-get install python3-psycopg"
+                        : "python3 -m pip install \"psycopg[binary]\" for the python3 on the search path"));
         return;
     }
     // The URL travels in the environment, so that its password never shows in a process list.
@@ -364,9 +419,14 @@ void Doctor::CheckBank()
 
 }  // namespace
 
+std::string FirstPythonProblem()
+{
+    return Doctor("", Telling::kQuiet).FirstPythonProblem();
+}
+
 int RunDoctor(const Options &options)
 {
-    return Doctor(BankDir(options)).Run();
+    return Doctor(BankDir(options), options.json ? Telling::kJson : Telling::kLines).Run();
 }
 
 }  // namespace OvraCli

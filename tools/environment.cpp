@@ -181,6 +181,19 @@ void ApplyPythonPath(const PythonPathChoice &choice)
     }
 }
 
+std::string Resolved(const std::string &path)
+{
+    char *real = realpath(path.c_str(), nullptr);
+    const std::string resolved = real != nullptr ? real : path;
+    std::free(real);
+    return resolved;
+}
+
+bool IsServerUrl(const std::string &bank)
+{
+    return bank.rfind("postgresql://", 0) == 0 || bank.rfind("postgres://", 0) == 0;
+}
+
 bool IsDirectory(const std::string &path)
 {
     struct stat info {};

@@ -15,9 +15,10 @@ struct CommandInfo {
 };
 
 const CommandInfo kCommands[] = {
-    {Command::kWrite, "write", "write KEYWORD KNOWLEDGE [options]", 2, 2,
+    {Command::kWrite, "write", "write KEYWORD (KNOWLEDGE | - | --file FILE) [options]", 1, 2,
      "Stores KNOWLEDGE under KEYWORD for the op type (--op-type), replacing any record with that keyword.\n"
-     "The record is durable when the command returns.\n"},
+     "The record is durable when the command returns. KNOWLEDGE - reads it from standard input, and\n"
+     "--file FILE from a file (a command line holds at most 128 KiB per word).\n"},
     {Command::kSearch, "search", "search KEYWORD [--type exact|prefix|all] [--json] [options]", 0, 1,
      "Prints the records of the op type (--op-type) that match KEYWORD:\n"
      "  --type exact   the record whose keyword is KEYWORD (default)\n"
@@ -31,7 +32,7 @@ const CommandInfo kCommands[] = {
     {Command::kDelete, "delete", "delete KEYWORD [options]", 1, 1,
      "Deletes the record under KEYWORD for the op type (--op-type). Deleting a missing record succeeds.\n"},
     {Command::kImport, "import", "import FILE [options]", 1, 1,
-     "Writes the records of FILE, JSON lines of the form\n"
+     "Writes the records of FILE (- for standard input), JSON lines of the form\n"
      "  {\"keyword\": \"...\", \"knowledge\": \"...\", \"op_type\": \"...\", \"soc_version\": \"...\", "
      "\"core_num\": \"...\"}\n"
      "(a line without op_type takes --op-type, one without soc_version and core_num the chip of --soc and\n"
@@ -41,10 +42,12 @@ const CommandInfo kCommands[] = {
      "Records are written without waiting for the disk except the last one, which is made durable;\n"
      "the knowledge base's durable commit also makes the earlier ones durable.\n"
      "Files of 1000 records or more show their progress on standard error. A record that the knowledge base\n"
-     "refuses stops the import there; the records before it stay written.\n"},
+     "refuses stops the import there; the records before it stay written. Ctrl-C stops it between two\n"
+     "records (exit 130) and says how many were written, each whole and durable.\n"},
     {Command::kExport, "export", "export [FILE] [--one-chip] [options]", 0, 1,
      "Writes every record of the bank, of every chip and every op type (or only of --op-type when it is\n"
-     "given), as JSON lines with their chip to FILE, or to standard output without FILE. The output of\n"
+     "given), as JSON lines with their chip to FILE, or to standard output without FILE (or with -); a\n"
+     "file appears only once complete. Ctrl-C stops it (exit 130) and writes no file. The output of\n"
      "export is the input of import, which puts each record back to its chip.\n"
      "  --one-chip     only the records of the chip of --soc and --cores, in lines without a chip: import\n"
      "                 writes such lines to the chip of its own --soc and --cores\n"},
@@ -54,13 +57,15 @@ const CommandInfo kCommands[] = {
      "Shows the knowledge base at work: writes a few records under two op types into a fresh bank,\n"
      "searches them exactly, by prefix and all at once, deletes one, and tells each step.\n"
      "The bank is a temporary directory, removed at the end, unless --bank names an empty or new one.\n"},
-    {Command::kDoctor, "doctor", "doctor [options]", 0, 0,
+    {Command::kDoctor, "doctor", "doctor [--json] [options]", 0, 0,
      "Checks what the knowledge base needs, one line per check, each \"ok\" or the fix to apply:\n"
      "  python3    which python3 the search path finds (and what a version-manager shim costs)\n"
      "  LDLIBRARY  and LIBDIR: the answers the library asks python3 for\n"
      "  runtime    that file exists and is a shared library exporting the 47 entry points bound\n"
      "  modules    the knowledge-base module and its log module import with the PYTHONPATH used\n"
      "  bank       the bank directory (--bank) is writable, or its PostgreSQL server answers\n"
+     "  database   the bank's database passes SQLite's quick integrity check\n"
+     "  --json     a JSON array of {\"check\", \"ok\", \"detail\"} objects instead of lines\n"
      "Exits with 0 when every check passes, 1 otherwise.\n"},
 };
 
@@ -75,7 +80,7 @@ const char kCommonOptions[] =
     "                   is passed on as missing, which the library refuses with status 2\n"
     "  --verbose        show the library's log lines (OVRA_LOG_LEVEL=info with event lines);\n"
     "                   otherwise they are off unless OVRA_LOG_LEVEL is set\n"
-    "  -h, --help       this help; --version prints the version\n";
+    "  -h, --help       this help; -V, --version prints the version\n";
 
 const char kPackageLookup[] =
     "The knowledge-base package (oxe.common.repository_manager) is imported by the python3 on the\n"
@@ -127,6 +132,9 @@ std::string *ValueField(const std::string &name, Options &options)
     if (name == "--type") {
         return &options.searchType;
     }
+    if (name == "--file") {
+        return &options.knowledgeFile;
+    }
     return nullptr;
 }
 
@@ -135,7 +143,7 @@ bool *FlagField(const std::string &name, Options &options)
     if (name == "--help" || name == "-h") {
         return &options.help;
     }
-    if (name == "--version") {
+    if (name == "--version" || name == "-V") {
         return &options.version;
     }
     if (name == "--verbose") {
@@ -150,14 +158,23 @@ bool *FlagField(const std::string &name, Options &options)
     return nullptr;
 }
 
+// A word that names an option (so that "--type --bank DIR" lacks the type instead of taking "--bank" for one).
+bool LooksLikeOption(const std::string &word)
+{
+    return word.size() > 2 && word.compare(0, 2, "--") == 0;
+}
+
 // The options that only some commands take.
 bool AcceptsOption(Command command, const std::string &option)
 {
     if (option == "--one-chip") {
         return command == Command::kExport;
     }
+    if (option == "--file") {
+        return command == Command::kWrite;
+    }
     if (option == "--json") {
-        return command == Command::kSearch || command == Command::kStats;
+        return command == Command::kSearch || command == Command::kStats || command == Command::kDoctor;
     }
     return command == Command::kSearch;
 }
@@ -209,7 +226,7 @@ class Parser {
         const std::size_t equals = arg.find('=');
         const std::string name = arg.substr(0, equals);
         Options &options = result_.options;
-        if (name == "--type" || name == "--json" || name == "--one-chip") {
+        if (name == "--type" || name == "--json" || name == "--one-chip" || name == "--file") {
             commandOnlyOption_ = name;
         }
         if (bool *flag = FlagField(name, options)) {
@@ -224,10 +241,13 @@ class Parser {
             result_.usageError = "unknown option " + name;
         } else if (equals != std::string::npos) {
             *field = arg.substr(equals + 1);
-        } else if (next_ < args_.size()) {
+        } else if (next_ < args_.size() && !LooksLikeOption(args_[next_])) {
             *field = args_[next_++];
         } else {
             result_.usageError = "option " + name + " needs a value";
+        }
+        if (name == "--bank" && field != nullptr && field->empty() && result_.usageError.empty()) {
+            result_.usageError = "option --bank needs a directory or a postgresql:// URL, not an empty value";
         }
     }
 
@@ -243,12 +263,17 @@ class Parser {
         } else if (!commandOnlyOption_.empty() && !AcceptsOption(options.command, commandOnlyOption_)) {
             result_.usageError = "option " + commandOnlyOption_ + " applies only to " +
                                  (commandOnlyOption_ == "--one-chip" ? "export"
-                                  : commandOnlyOption_ == "--json"   ? "search and stats"
+                                  : commandOnlyOption_ == "--file"   ? "write"
+                                  : commandOnlyOption_ == "--json"   ? "search, stats and doctor"
                                                                      : "search");
         } else if (options.operands.size() < info->minOperands) {
             result_.usageError = "missing operand";
         } else if (options.operands.size() > info->maxOperands) {
             result_.usageError = "unexpected operand '" + options.operands[info->maxOperands] + "'";
+        } else if (options.command == Command::kWrite &&
+                   (options.operands.size() == 2) == !options.knowledgeFile.empty()) {
+            result_.usageError = options.knowledgeFile.empty() ? "missing KNOWLEDGE (or - or --file FILE)"
+                                                               : "give KNOWLEDGE or --file FILE, not both";
         } else if (options.command == Command::kSearch && options.operands.empty() && options.searchType != "all") {
             result_.usageError = "missing KEYWORD (only --type all may leave it out)";
         }

@@ -26,7 +26,9 @@ struct Options {
     bool opTypeGiven = false;
     std::string searchType = "exact";
     bool json = false;
-    bool oneChip = false;  // export: only the chip of --soc and --cores, in lines without a chip
+    bool oneChip = false;
+    std::string knowledgeFile;  // write: the knowledge is this file's content  // export: only the chip of --soc and
+                                // --cores, in lines without a chip
     bool verbose = false;
     bool help = false;
     bool version = false;

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 
 #include "json.h"
@@ -21,11 +22,44 @@ bool IsContinuationByte(char c)
     return (static_cast<unsigned char>(c) & 0xC0) == 0x80;
 }
 
-// Counted in code points: every character is taken to fill one column.
+// One code point of UTF-8 text, and where the next one starts.
+std::uint32_t DecodeAt(const std::string &text, std::size_t &pos)
+{
+    const unsigned char lead = static_cast<unsigned char>(text[pos++]);
+    const int extra = lead >= 0xF0 ? 3 : lead >= 0xE0 ? 2 : lead >= 0xC0 ? 1 : 0;
+    std::uint32_t code = extra == 0 ? lead : lead & (0x3F >> extra);
+    for (int i = 0; i < extra && pos < text.size() && IsContinuationByte(text[pos]); ++i) {
+        code = (code << 6) | (static_cast<unsigned char>(text[pos++]) & 0x3F);
+    }
+    return code;
+}
+
+// Columns a code point fills on a terminal: 2 for East Asian wide and full-width characters and emoji, 0 for
+// combining marks, 1 otherwise.
+std::size_t ColumnsOf(std::uint32_t code)
+{
+    static const std::uint32_t kWide[][2] = {
+        {0x1100, 0x115F}, {0x2E80, 0x303E},   {0x3041, 0x33FF},   {0x3400, 0x4DBF},  {0x4E00, 0x9FFF},
+        {0xA000, 0xA4CF}, {0xAC00, 0xD7A3},   {0xF900, 0xFAFF},   {0xFE30, 0xFE4F},  {0xFF00, 0xFF60},
+        {0xFFE0, 0xFFE6}, {0x1F300, 0x1F64F}, {0x1F900, 0x1F9FF}, {0x20000, 0x3FFFD}};
+    if ((code >= 0x0300 && code <= 0x036F) || (code >= 0x200B && code <= 0x200F)) {
+        return 0;
+    }
+    for (const auto &range : kWide) {
+        if (code >= range[0] && code <= range[1]) {
+            return 2;
+        }
+    }
+    return 1;
+}
+
 std::size_t DisplayWidth(const std::string &text)
 {
-    return static_cast<std::size_t>(
-        std::count_if(text.begin(), text.end(), [](char c) { return !IsContinuationByte(c); }));
+    std::size_t width = 0;
+    for (std::size_t pos = 0; pos < text.size();) {
+        width += ColumnsOf(DecodeAt(text, pos));
+    }
+    return width;
 }
 
 // Line breaks and tabs would tear the table apart; they show as blanks (--json keeps them).
@@ -41,14 +75,15 @@ std::string CutToWidth(const std::string &text, std::size_t width)
     if (DisplayWidth(text) <= width) {
         return text;
     }
-    std::size_t kept = 0;
+    std::size_t used = 0;
     std::size_t end = 0;
-    while (end < text.size() && kept + 1 < width) {
-        ++end;
-        while (end < text.size() && IsContinuationByte(text[end])) {
-            ++end;
+    for (std::size_t pos = 0; pos < text.size();) {
+        const std::size_t columns = ColumnsOf(DecodeAt(text, pos));
+        if (used + columns + 1 > width) {  // one column stays for the ellipsis
+            break;
         }
-        ++kept;
+        used += columns;
+        end = pos;
     }
     return text.substr(0, end) + kEllipsis;
 }
@@ -80,7 +115,7 @@ std::string TableLine(const std::vector<std::string> &cells, const std::vector<s
 {
     std::string line;
     for (std::size_t i = 0; i + 1 < cells.size(); ++i) {
-        line += PadToWidth(cells[i], widths[i]) + std::string(kGap, ' ');
+        line += PadToWidth(CutToWidth(cells[i], widths[i]), widths[i]) + std::string(kGap, ' ');
     }
     return line + (lastWidth == 0 ? cells.back() : CutToWidth(cells.back(), lastWidth)) + "\n";
 }
@@ -103,10 +138,13 @@ std::size_t OutputWidth()
 std::string FormatTable(const std::vector<OvraKb::StrMap> &rows, std::size_t width,
                         const std::vector<std::string> &columns)
 {
+    // On a narrow line the first columns give up space too (a long keyword is cut), down to a share each.
+    const std::size_t share = width == 0 ? 0 : std::max(kMinLastWidth, width / columns.size());
     std::vector<std::size_t> widths;
     std::size_t used = 0;
     for (std::size_t i = 0; i + 1 < columns.size(); ++i) {
-        widths.push_back(ColumnWidth(rows, columns[i].c_str()));
+        const std::size_t full = ColumnWidth(rows, columns[i].c_str());
+        widths.push_back(width == 0 ? full : std::min(full, share));
         used += widths.back() + kGap;
     }
     const std::size_t lastWidth = width == 0 ? 0 : std::max(kMinLastWidth, width > used ? width - used : 0);

@@ -47,6 +47,19 @@ std::string LastLine(const std::string &text)
     return newline == std::string::npos ? trimmed : trimmed.substr(newline + 1);
 }
 
+std::vector<std::string> SplitLines(const std::string &text)
+{
+    std::vector<std::string> lines;
+    std::size_t start = 0;
+    for (std::size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
+        lines.push_back(text.substr(start, end - start));
+    }
+    if (start < text.size()) {
+        lines.push_back(text.substr(start));
+    }
+    return lines;
+}
+
 std::string Join(const std::vector<std::string> &items, const std::string &separator)
 {
     std::string text;

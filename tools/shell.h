@@ -25,6 +25,9 @@ std::string TrimRight(std::string text);
 // The last non-empty line of `text`.
 std::string LastLine(const std::string &text);
 
+// The lines of `text`, without their line ends.
+std::vector<std::string> SplitLines(const std::string &text);
+
 // The items with `separator` between them.
 std::string Join(const std::vector<std::string> &items, const std::string &separator);
 

@@ -23,11 +23,27 @@ struct LogSettings {
     bool events = false;
 };
 
+int KnownThreshold(const char *text);
+
 int ParseThreshold(const char *text)
 {
     if (text == nullptr || *text == '\0') {
         return OVRA_LEVEL_WARNING;
     }
+    const int level = KnownThreshold(text);
+    if (level < 0) {
+        // Said once, when the settings are first read: a misspelt level would otherwise hide lines silently.
+        const std::string warning = std::string("ovra_platform: OVRA_LOG_LEVEL=") + text +
+                                    " is unknown; use debug, info, warning, error or off (0 to 4); warning is used\n";
+        (void)!write(STDERR_FILENO, warning.data(), warning.size());
+        return OVRA_LEVEL_WARNING;
+    }
+    return level;
+}
+
+// The threshold a setting names, or -1.
+int KnownThreshold(const char *text)
+{
     static const struct {
         const char *name;
         int level;
@@ -40,7 +56,7 @@ int ParseThreshold(const char *text)
             return entry.level;
         }
     }
-    return OVRA_LEVEL_WARNING;
+    return -1;
 }
 
 bool ParseSwitch(const char *text)
@@ -150,6 +166,16 @@ std::vector<ErrorManager::Report> &Reports()
     return reports;
 }
 
+// A report is one line of the log like any other: line breaks in its details show as \n.
+std::string OneLine(const std::string &text)
+{
+    std::string out;
+    for (char c : text) {
+        out += c == '\n' ? std::string("\\n") : c == '\r' ? std::string("\\r") : std::string(1, c);
+    }
+    return out;
+}
+
 std::string DescribeDetails(const std::map<std::string, std::string> &args)
 {
     std::string text = "{";
@@ -157,7 +183,7 @@ std::string DescribeDetails(const std::map<std::string, std::string> &args)
         if (text.size() > 1) {
             text += ", ";
         }
-        text += entry.first + ": " + entry.second;
+        text += OneLine(entry.first) + ": " + OneLine(entry.second);
     }
     return text + "}";
 }

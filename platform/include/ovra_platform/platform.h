@@ -9,10 +9,14 @@
  *
  * Default implementation, environment:
  *   OVRA_LOG_LEVEL   debug | info | warning | error | off   (default: warning)
- *                    also accepted as 0 | 1 | 2 | 3 | 4
+ *                    also accepted as 0 | 1 | 2 | 3 | 4; another value is said once on
+ *                    standard error and warning is used
  *   OVRA_LOG_EVENT   1 to also show event lines (start and end of main steps; default: hidden)
  * Lines go to standard error, one write per line:
  *   [LEVEL] YYYY-MM-DD HH:MM:SS.uuuuuu pid=<pid> <message>
+ * An error report (at level error) is the line
+ *   [ERROR] YYYY-MM-DD HH:MM:SS.uuuuuu pid=<pid> error report <code> {<key>: <value>, ...}
+ * with line breaks in keys and values written as \n.
  */
 #ifndef OVRA_PLATFORM_PLATFORM_H
 #define OVRA_PLATFORM_PLATFORM_H
