@@ -82,7 +82,11 @@ INSTANTIATE_TEST_SUITE_P(
                       ThresholdCase{"off", "OVRA_LOG_LEVEL=off", {}},
                       ThresholdCase{"events", "OVRA_LOG_EVENT=1", {"WARNING", "ERROR", "EVENT"}},
                       ThresholdCase{"off_with_events", "OVRA_LOG_LEVEL=off OVRA_LOG_EVENT=1", {"EVENT"}},
-                      ThresholdCase{"unknown_value", "OVRA_LOG_LEVEL=loud", {"WARNING", "ERROR"}}),
+                      ThresholdCase{"unknown_value",
+                                    "OVRA_LOG_LEVEL=loud",
+                                    {"malformed: ovra_platform: OVRA_LOG_LEVEL=loud is unknown; use debug, info, "
+                                     "warning, error or off (0 to 4); warning is used",
+                                     "WARNING", "ERROR"}}),
     [](const ::testing::TestParamInfo<ThresholdCase> &info) { return info.param.label; });
 
 TEST(Lines, ConcurrentThreadsNeverInterleave)
