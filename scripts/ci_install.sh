@@ -59,8 +59,9 @@ cmake --build "$work/dlopen" >/dev/null
 echo "== Debian package"
 (cd "$build" && cpack -G DEB -B "$work/package" >/dev/null)
 deb="$(ls "$work"/package/*.deb)"
-dpkg-deb --info "$deb" | grep -E 'Package|Version|Section|Depends'
-dpkg-deb --info "$deb" | grep -q 'Depends:.*libpython3-dev' || fail "the package does not depend on the Python runtime it loads"
+info="$(dpkg-deb --info "$deb")"
+grep -E 'Package|Version|Section|Depends' <<<"$info"
+grep -q 'Depends:.*libpython3-dev' <<<"$info" || fail "the package does not depend on the Python runtime it loads"
 dpkg-deb -x "$deb" "$work/root"
 for path in usr/share/doc/ovra-kb/copyright usr/share/doc/ovra-kb/LICENSE usr/share/man/man1/ovra-kb.1.gz \
   usr/share/bash-completion/completions/ovra-kb; do
