@@ -68,7 +68,7 @@ for path in usr/share/doc/ovra-kb/copyright usr/share/doc/ovra-kb/LICENSE usr/sh
   [ -f "$work/root/$path" ] || fail "the package lacks /$path"
 done
 for binary in "$work"/root/usr/bin/ovra-kb "$work"/root/usr/lib/libovra_kb.so.*.*; do
-  file "$binary" | grep -q ', stripped' || fail "$binary is not stripped"
+  [[ "$(file "$binary")" == *", stripped"* ]] || fail "$binary is not stripped"
 done
 unset PYTHONPATH
 "$work/root/usr/bin/ovra-kb" --version
