@@ -1,6 +1,7 @@
 """The six module functions as the native library calls them."""
 
 import os
+import sys
 import threading
 import traceback
 import unittest.mock
@@ -290,3 +291,51 @@ class OperationTest(KbTestCase):
         self.init()
         self.assertEqual(len(search("child", "Add", "prefix")), 5)
 
+
+
+class RefusedCallsKeepNothingTest(KbTestCase):
+    """The native library keeps every error it reports: none may keep a large argument of its call alive."""
+
+    def test_a_refusal_keeps_no_large_argument_alive(self):
+        self.init()
+        write, start = interface.ovra_kb_write, interface.ovra_kb_search_async
+
+        def failing_write(backend, scope, op_type, keyword, knowledge, durable):
+            raise ValueError(knowledge)
+
+        # (name, the large text, the call refused because of it or beside it, expected code). A call takes
+        # the text out of a list, so that its own frame, which stays the caller of the package's, holds none.
+        cases = [
+            ("op type '*'", "k" * 100000, lambda h: write("k", h.pop(), {"op_type": "*"}, 0), errors.INVALID_OP_TYPE),
+            ("empty keyword", "k" * 100000, lambda h: write("", h.pop(), ADD, 0), errors.INVALID_ARGUMENT),
+            ("flag quoted", "k" * 100000, lambda h: write("k", "v", ADD, h.pop()), errors.INVALID_ARGUMENT),
+            ("search type quoted", "s" * 100000, lambda h: start("k", config("Add", h.pop())),
+             errors.UNKNOWN_SEARCH_TYPE),
+            ("core_num quoted", "7x" * 50000, lambda h: interface.ovra_kb_init(
+                {"soc_version": "s", "core_num": h.pop()}, {"op_bank_path": self.bank}), errors.INVALID_CORE_NUM),
+            ("text that cannot be stored, chained", "\ud800" + "k" * 100000, lambda h: write("k", h.pop(), ADD, 0),
+             errors.INVALID_ARGUMENT),
+            ("an unexpected error quoting it", "u" * 100000, lambda h: write("k", h.pop(), ADD, 0), None),
+        ]
+        for name, big, call, code in cases:
+            with self.subTest(case=name):
+                holder = [big]
+                before = sys.getrefcount(big) - 1  # the list's reference goes to the call
+                patch = unittest.mock.patch.object(sqlite_backend.SqliteBackend, "write", failing_write) \
+                    if code is None else unittest.mock.patch.object(os, "curdir", os.curdir)
+                kept = None
+                with patch:
+                    try:
+                        call(holder)
+                    except Exception as exc:
+                        kept = exc
+                if code is not None:
+                    self.assertEqual(errors.error_info(kept)["errCode"], code)
+                # What the library keeps: the exception with its traceback from the package's entry point on
+                # (here the traceback starts with this test's frames, which hold the text themselves).
+                tb = kept.__traceback__
+                while tb is not None and tb.tb_frame.f_code.co_filename != interface.__file__:
+                    tb = tb.tb_next
+                kept.__traceback__ = tb
+                self.assertEqual(sys.getrefcount(big), before, "the error keeps the argument alive")
+                self.assertLess(len(repr(kept.args)), 3 * errors.DETAIL_LIMIT, "the error quotes it whole")

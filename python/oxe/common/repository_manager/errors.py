@@ -60,6 +60,31 @@ def kb_error(code, message, **details):
     return RuntimeError(info)
 
 
+# Longest caller value that a message quotes, and longest detail text an error carries: the native
+# library keeps every error it reports for the life of the process, so an error must not hold a large
+# argument, not even as text.
+SHOWN_LIMIT = 80
+DETAIL_LIMIT = 2000
+
+
+def cut(text, limit=DETAIL_LIMIT):
+    """``text`` cut to about ``limit`` characters (or bytes), saying how long it was."""
+    if len(text) <= limit:
+        return text
+    if isinstance(text, bytes):
+        return text[:limit] + b"... (%d bytes)" % len(text)
+    return "%s... (%d characters)" % (text[:limit], len(text))
+
+
+def shown(value, limit=SHOWN_LIMIT):
+    """``repr(value)`` for a message, cut to about ``limit`` characters."""
+    try:
+        text = repr(value)
+    except Exception:
+        text = "<%s object>" % type(value).__name__
+    return cut(text, limit)
+
+
 def error_info(exc):
     """Return the details dictionary of an error raised by :func:`kb_error`, or None."""
     if type(exc) is RuntimeError and len(exc.args) == 1 and isinstance(exc.args[0], dict):

@@ -109,16 +109,43 @@ if hasattr(os, "register_at_fork"):
 
 
 def _forget_locals(exc):
-    """Drop the local variables of the finished frames of ``exc``'s tracebacks, chained ones included.
+    """Lighten ``exc`` and the exceptions chained to it before the library keeps them.
 
     The native library keeps every exception that a call raised, with its traceback, for the life of the
-    process; the frames must not keep the call's arguments (a refused 1 MB knowledge text) alive with it.
+    process; nothing in it may keep the call's arguments (a refused 1 MB knowledge text) alive. So the
+    finished frames of every traceback lose their local variables; a Unicode error keeps only the bad part
+    of the text it was given (it holds the whole text twice, as ``object`` and among its arguments); and
+    long texts among an exception's arguments, or the details of one of this package's errors, are cut.
+    A cleared frame still keeps its function (CPython 3.11 on), and with it the function's closure: the
+    package calls its statements and jobs through functools.partial, never through closures that hold
+    arguments.
     """
     seen = set()
     while exc is not None and id(exc) not in seen:
         seen.add(id(exc))
         traceback.clear_frames(exc.__traceback__)
+        try:
+            _cut_arguments(exc)
+        except Exception:
+            pass
         exc = exc.__cause__ or exc.__context__
+
+
+def _cut_arguments(exc):
+    if isinstance(exc, (UnicodeEncodeError, UnicodeDecodeError, UnicodeTranslateError)):
+        whole, start, end = exc.object, exc.start, exc.end
+        first, last = max(0, start - 16), min(len(whole), end + 16)
+        if first > 0 or last < len(whole):
+            exc.object, exc.start, exc.end = whole[first:last], start - first, end - first
+        # Their arguments hold the text as well; what str(exc) says comes from the attributes.
+        exc.args = tuple(exc.object if arg is whole else arg for arg in exc.args)
+    info = errors.error_info(exc)
+    if info is not None:
+        for key, value in list(info.items()):
+            if isinstance(value, str):
+                info[key] = errors.cut(value)
+    else:
+        exc.args = tuple(errors.cut(arg) if isinstance(arg, (str, bytes)) else arg for arg in exc.args)
 
 
 def _entry(function):
@@ -140,6 +167,13 @@ def _entry(function):
 
 
 # ------------------------------------------------------------------ checks
+def _detail(value):
+    """A caller's value as the detail entry of an error: short text, or empty for None."""
+    if value is None:
+        return ""
+    return errors.cut(value, errors.SHOWN_LIMIT) if isinstance(value, str) else errors.shown(value)
+
+
 def _bad_argument(message, **details):
     return errors.kb_error(errors.INVALID_ARGUMENT, message, **details)
 
@@ -158,16 +192,16 @@ def _check_sys_config(sys_dict):
         raise errors.kb_error(
             errors.INVALID_SOC_VERSION,
             "soc_version is empty or missing; set soc_version to the chip version, for example soc-a1.",
-            soc_version=soc_version if soc_version is not None else "",
+            soc_version=_detail(soc_version),
         )
     core_num = sys_dict.get("core_num")
     text = core_num.strip() if isinstance(core_num, str) else ""
     if not _ascii_digits(text) or int(text) <= 0:
         raise errors.kb_error(
             errors.INVALID_CORE_NUM,
-            "core_num %r is not a positive integer; set core_num to the number of cores, for example 32."
-            % (core_num,),
-            core_num=core_num if core_num is not None else "",
+            "core_num %s is not a positive integer; set core_num to the number of cores, for example 32."
+            % errors.shown(core_num),
+            core_num=_detail(core_num),
         )
     return soc_version.strip(), str(int(text))
 
@@ -183,7 +217,7 @@ def _check_load_config(load_dict):
         raise errors.kb_error(
             errors.BANK_PATH_UNUSABLE,
             "op_bank_path is empty or missing; set op_bank_path to a writable directory.",
-            op_bank_path=path if isinstance(path, str) else "",
+            op_bank_path=_detail(path) if isinstance(path, str) else "",
         )
     if "\x00" in path:
         raise errors.kb_error(
@@ -219,7 +253,8 @@ def _check_keyword(keyword):
 def _check_flag(flag):
     if flag is True or flag is False or (type(flag) is int and flag in (0, 1)):
         return bool(flag)
-    raise _bad_argument("flag %r is invalid; pass 1 to make the change durable at once or 0 otherwise." % (flag,))
+    raise _bad_argument("flag %s is invalid; pass 1 to make the change durable at once or 0 otherwise."
+                        % errors.shown(flag))
 
 
 def _session():
@@ -329,7 +364,8 @@ def ovra_kb_search_async(keyword, config):
     op_type = _op_type(config, allow_all=search_type in (SEARCH_ALL, SEARCH_ALL_CHIPS, SEARCH_CHIPS))
     return_type = config.get("return_type", "str")
     if return_type not in (None, "str"):
-        raise _bad_argument("return_type %r is not supported; ask for 'str' results." % (return_type,))
+        raise _bad_argument("return_type %s is not supported; ask for 'str' results."
+                            % errors.shown(return_type))
     backend = session.backend
     scope = session.scope
     kb = _KB
@@ -344,19 +380,12 @@ def ovra_kb_search_async(keyword, config):
             rows = backend.prefix(scope, op_type, keyword, INLINE_PREFIX_LIMIT + 1)
             if len(rows) <= INLINE_PREFIX_LIMIT:
                 return kb.tasks.add_finished(rows)
-
-            def job():
-                return backend.prefix(scope, op_type, keyword)
+            # Jobs are partials, not closures: see _forget_locals.
+            job = functools.partial(backend.prefix, scope, op_type, keyword)
         elif search_type == SEARCH_ALL:
-            target = None if op_type == ALL_OP_TYPES else op_type
-
-            def job():
-                return backend.all(scope, target)
+            job = functools.partial(backend.all, scope, None if op_type == ALL_OP_TYPES else op_type)
         elif search_type == SEARCH_ALL_CHIPS:
-            target = None if op_type == ALL_OP_TYPES else op_type
-
-            def job():
-                return backend.export_all(target)
+            job = functools.partial(backend.export_all, None if op_type == ALL_OP_TYPES else op_type)
         elif search_type == SEARCH_CHIPS:
             if op_type != ALL_OP_TYPES:
                 raise errors.kb_error(
@@ -367,14 +396,13 @@ def ovra_kb_search_async(keyword, config):
         else:
             raise errors.kb_error(
                 errors.UNKNOWN_SEARCH_TYPE,
-                "search_type %r is unknown; use 'exact' (or leave it unset), 'prefix', 'all', 'all_chips' "
-                "or 'chips'."
-                % (search_type,),
+                "search_type %s is unknown; use 'exact' (or leave it unset), 'prefix', 'all', 'all_chips' "
+                "or 'chips'." % errors.shown(search_type),
             )
     except UnicodeError as exc:
         raise _not_text(exc)
     handle, task = kb.tasks.add_pending()
-    kb.pool.submit(lambda: task.run(job))
+    kb.pool.submit(functools.partial(task.run, job))
     return handle
 
 

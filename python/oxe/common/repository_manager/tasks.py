@@ -65,8 +65,8 @@ class TaskRegistry(object):
             if task is None:
                 raise errors.kb_error(
                     errors.UNKNOWN_TASK,
-                    "The search task handle %r is unknown: it was never issued, its result was already "
-                    "collected, or the knowledge base was finalised; start a new search." % (handle,),
+                    "The search task handle %s is unknown: it was never issued, its result was already "
+                    "collected, or the knowledge base was finalised; start a new search." % errors.shown(handle),
                 )
             if not task.done:
                 return False, []

@@ -34,6 +34,7 @@ The driver is psycopg 3 (Debian: python3-psycopg).  It is imported when a
 bank of this kind is opened, never by merely importing this package.
 """
 
+import functools
 import sys
 import threading
 
@@ -568,22 +569,29 @@ class PostgresBackend(SqlKnowledgeBackend):
 
     # ------------------------------------------------------------ operations
     def _modify(self, sql, params, durable):
-        def action(link):
-            link.set_durable(durable)
-            return link.conn.execute(sql, params).rowcount
-
-        count = self._run(action, "write")
+        count = self._run(functools.partial(_change_on, sql, params, durable), "write")
         if not durable:
             with self._cond:
                 self._fast_pending = True
         return count
 
     def _query(self, sql, params):
-        return self._run(lambda link: link.conn.execute(sql, params).fetchall(), "read")
+        return self._run(functools.partial(_rows_on, sql, params), "read")
 
     def _never_stored(self, *texts):
         # PostgreSQL text cannot hold NUL, so no record has one.
         return _has_nul((), *texts)
+
+
+# Statements as functools.partial of these rather than closures: a frame that an error's traceback keeps
+# keeps its function too (CPython 3.11 on), and a closure would keep the call's arguments with it.
+def _change_on(sql, params, durable, link):
+    link.set_durable(durable)
+    return link.conn.execute(sql, params).rowcount
+
+
+def _rows_on(sql, params, link):
+    return link.conn.execute(sql, params).fetchall()
 
 
 def _has_nul(scope, *texts):

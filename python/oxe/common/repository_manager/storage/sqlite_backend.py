@@ -18,6 +18,7 @@ cache) when ``write`` returns, and on stable storage too when ``durable``
 was asked for (``synchronous=FULL`` for that commit).
 """
 
+import functools
 import os
 import sqlite3
 import threading
@@ -94,6 +95,12 @@ MIGRATIONS = {0: _create_v1}
 def _is_busy(exc):
     text = str(exc).lower()
     return "locked" in text or "busy" in text
+
+
+# The statements run through functools.partial rather than closures: a frame that an error's traceback keeps
+# keeps its function too (CPython 3.11 on), and a closure would keep the call's arguments with it.
+def _fetch_all(conn, sql, params):
+    return conn.execute(sql, params).fetchall()
 
 
 def _retry(action, deadline):
@@ -423,7 +430,8 @@ class SqliteBackend(SqlKnowledgeBackend):
                 if durable:
                     conn.execute("PRAGMA synchronous=FULL")
                 try:
-                    cursor = _retry(lambda: conn.execute(sql, params), time.monotonic() + self._busy_timeout)
+                    cursor = _retry(functools.partial(conn.execute, sql, params),
+                                    time.monotonic() + self._busy_timeout)
                     return cursor.rowcount
                 finally:
                     if durable:
@@ -455,8 +463,7 @@ class SqliteBackend(SqlKnowledgeBackend):
         self._check_still_there()
         conn = self._acquire_reader()
         try:
-            return _retry(lambda: conn.execute(sql, params).fetchall(),
-                          time.monotonic() + self._busy_timeout)
+            return _retry(functools.partial(_fetch_all, conn, sql, params), time.monotonic() + self._busy_timeout)
         except sqlite3.Error as exc:
             raise self._storage_error(exc, "read")
         finally:

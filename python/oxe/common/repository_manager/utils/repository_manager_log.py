@@ -76,12 +76,30 @@ def _payload(exc_value):
     return None
 
 
+def _keep_only_the_bad_bytes(exc_value, context=16):
+    """The library keeps the exception for the life of the process, and a decode error holds the whole text
+    it was given, twice: as ``object`` and among its arguments. Only the bad bytes and ``context`` bytes on
+    either side stay; its position and message then refer to that part."""
+    try:
+        whole = exc_value.object
+        first, last = max(0, exc_value.start - context), min(len(whole), exc_value.end + context)
+        if first > 0 or last < len(whole):
+            exc_value.object = whole[first:last]
+            exc_value.start -= first
+            exc_value.end -= first
+            exc_value.args = (exc_value.encoding, exc_value.object, exc_value.start, exc_value.end,
+                              exc_value.reason)
+    except Exception:
+        pass
+
+
 def _argument_not_utf8(exc_value, exc_tb):
     """A text that the native library could not hand to Python: it fails while it builds the call's
     arguments, before any Python frame runs, so the exception has no traceback of its own."""
     if exc_tb is not None or not isinstance(exc_value, UnicodeDecodeError):
         return None
     start = exc_value.object[:24] if isinstance(exc_value.object, bytes) else b""
+    _keep_only_the_bad_bytes(exc_value)
     return {
         "errCode": INVALID_ARGUMENT_CODE,
         "message": "The keyword (or, in a write, the knowledge) is not valid UTF-8 text: %s in the text that "
