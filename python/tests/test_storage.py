@@ -166,3 +166,51 @@ class DamagedBankTest(KbTestCase):
         self.assertEqual([r["keyword"] for r in search("", "*", "all_chips")], ["kept"])
         with self.assertKbError(errors.BANK_READ_ONLY):
             interface.ovra_kb_write("new", "v", {"op_type": "Add"}, 1)
+
+    def test_a_new_start_reads_only_what_the_path_holds_now(self):
+        # The -wal and -shm files of a database removed or replaced while open stay under their names; the
+        # next database at that path must not take them for its own journal (and so mix in the old records).
+        db_path = os.path.join(self.bank, sqlite_backend.DB_FILE_NAME)
+        other = os.path.join(self.tmp, "other")
+
+        def other_bank():
+            backend = open_backend(other)
+            backend.write(SCOPE, "Add", "other", "from the other bank", True)
+            backend.close()
+            return os.path.join(other, sqlite_backend.DB_FILE_NAME)
+
+        moves = [("directory removed", lambda: shutil.rmtree(self.bank), []),
+                 ("database removed", lambda: os.remove(db_path), []),
+                 ("database replaced", lambda: os.replace(other_bank(), db_path), ["other"])]
+        for name, move, expected in moves:
+            with self.subTest(move=name):
+                shutil.rmtree(self.bank, True)
+                shutil.rmtree(other, True)
+                self.init()
+                interface.ovra_kb_write("old", "v", {"op_type": "Add"}, 0)
+                move()
+                self.init()  # a second user, or the same one again: the bank is opened anew
+                interface.ovra_kb_write("new", "v", {"op_type": "Add"}, 1)
+                for _ in range(2):
+                    interface.ovra_kb_finalize()
+                self.init()
+                self.assertEqual([r["keyword"] for r in search("", "Add", "all")], sorted(expected + ["new"]))
+                interface.ovra_kb_finalize()
+
+    def test_a_write_whose_file_goes_during_the_commit_is_not_acknowledged(self):
+        self.init()
+        interface.ovra_kb_write("kept", "v", {"op_type": "Add"}, 1)
+        backend = interface._KB.session.backend
+        real_execute = backend._writer.execute
+
+        class Writer(object):
+            def execute(self, sql, params=()):
+                result = real_execute(sql, params)
+                if sql.startswith("INSERT"):
+                    shutil.rmtree(backend.directory)  # after the check before the statement, before the answer
+                return result
+
+        backend._writer = Writer()
+        with self.assertKbError(errors.BANK_PATH_UNUSABLE):
+            interface.ovra_kb_write("lost", "v", {"op_type": "Add"}, 1)
+        backend._writer = None  # the real connection closes with its object

@@ -294,6 +294,14 @@ def ovra_kb_init(sys_dict, load_dict):
         if current is not None and current.identity == identity and current.backend is not None \
                 and current.backend.still_there():
             backend = current.backend
+        elif current is not None and current.identity == identity and current.backend is not None:
+            # The bank's file was removed or replaced under the open one. The old connections close first,
+            # and the journal files they leave under the old names go with them, before the new bank there is
+            # opened: it must neither read them as its own nor lose its own when they are deleted. A failure
+            # below leaves the session closed, which the next initialisation repairs.
+            kb.pool.stop()
+            current.backend.close()
+            backend = open_backend(location)
         else:
             backend = open_backend(location)
             if current is not None:

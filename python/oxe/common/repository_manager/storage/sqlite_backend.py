@@ -179,6 +179,7 @@ class SqliteBackend(SqlKnowledgeBackend):
         self._read_only = False
         self._read_uri = None
         self._file_identity = None
+        self._companions = {}  # the -wal and -shm files beside the database at open, by path
 
     # ----------------------------------------------------------- life cycle
     @through_fork_gate
@@ -199,6 +200,8 @@ class SqliteBackend(SqlKnowledgeBackend):
                 _remove_quietly(directory, directory=True)
             raise
         self._file_identity = _identity(self.db_path)
+        self._companions = {path: _identity(path) for path in (self.db_path + "-wal", self.db_path + "-shm")
+                            if os.path.exists(path)}
         self._closed = False
 
     def _open_writer(self):
@@ -278,6 +281,17 @@ class SqliteBackend(SqlKnowledgeBackend):
             readers, self._readers = self._readers, []
         for conn in readers:
             conn.close()
+        if self._file_identity is not None and not self.still_there():
+            self._discard_companions()
+
+    def _discard_companions(self):
+        """After the database was removed or replaced: SQLite deletes the -wal and -shm files only beside the
+        database they belong to, so they stay under their names, and the next database there would read them
+        as its own journal (the old records, or damage). Those that are still the ones found at open go."""
+        for path, identity in self._companions.items():
+            if identity is not None and _identity(path) == identity:
+                _remove_quietly(path)
+        self._companions = {}
 
     @through_fork_gate
     def flush(self):
@@ -432,12 +446,16 @@ class SqliteBackend(SqlKnowledgeBackend):
                 try:
                     cursor = _retry(functools.partial(conn.execute, sql, params),
                                     time.monotonic() + self._busy_timeout)
-                    return cursor.rowcount
+                    count = cursor.rowcount
                 finally:
                     if durable:
                         conn.execute("PRAGMA synchronous=NORMAL")
             except sqlite3.Error as exc:
                 raise self._storage_error(exc, "write")
+            # Committed, and to the bank only if the file is still the bank's: a removal between the check
+            # above and the commit would otherwise be acknowledged.
+            self._check_still_there()
+            return count
 
     def _acquire_reader(self):
         with self._pool_lock:
