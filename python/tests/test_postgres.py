@@ -138,9 +138,10 @@ class ParityTest(ServerTestCase):
         self.assertFalse(backend.delete(SCOPE, "Op", "never", False))
 
     def answers(self, backend):
-        out = {"export": backend.export_all(), "all": backend.all(SCOPE, None)}
+        out = {"export": backend.export_all(), "all": backend.all(SCOPE, None), "chips": backend.chips()}
         for op_type in ("Op", "op", "Op2", "none"):
             out["all " + op_type] = backend.all(SCOPE, op_type)
+            out["export " + op_type] = backend.export_all(op_type)
         for keyword in self.KEYWORDS + ["never", "AB"]:
             out["exact " + keyword] = backend.exact(SCOPE, "Op", keyword)
         for prefix in self.PREFIXES:
@@ -204,6 +205,37 @@ class InterfaceTest(ServerTestCase):
         self.assertEqual(search("k", "Add"), [])
         self.init_pg()
         self.assertEqual([r["knowledge"] for r in search("k", "Add")], ["in postgres"])
+
+    @unittest.skipUnless(hasattr(os, "fork"), "needs fork")
+    def test_a_forked_child_connects_anew_and_leaves_the_parents_connections_open(self):
+        import signal
+        import warnings
+
+        add = {"op_type": "Add"}
+        self.init_pg()
+        interface.ovra_kb_write("parent", "v", add, 1)
+        search("", "Add", "all")  # a worker thread and pooled connections exist in the parent
+        idle = set(map(id, interface._KB.session.backend._idle))
+        with warnings.catch_warnings():
+            warnings.simplefilter("ignore", DeprecationWarning)  # 3.12: fork() with threads
+            pid = os.fork()
+        if pid == 0:
+            signal.alarm(20)
+            status = 1
+            try:
+                interface.ovra_kb_write("child", "v", add, 1)
+                keywords = sorted(r["keyword"] for r in search("", "Add", "all"))
+                interface.ovra_kb_finalize()  # closes the child's own connections, and only those
+                status = 0 if keywords == ["child", "parent"] else 2
+            finally:
+                os._exit(status)
+        self.assertEqual(os.waitpid(pid, 0)[1], 0)
+        # Had the child used or closed the parent's connections, the next statement would find one broken and
+        # replace it.
+        interface.ovra_kb_write("parent", "still connected", add, 1)
+        self.assertEqual(sorted(r["keyword"] for r in search("", "Add", "all")), ["child", "parent"])
+        self.assertTrue(idle <= set(map(id, interface._KB.session.backend._idle)),
+                        "a connection of the parent was replaced")
 
     def test_text_the_server_cannot_store_is_an_argument_error(self):
         self.init_pg()

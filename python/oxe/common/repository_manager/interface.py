@@ -23,6 +23,7 @@ import traceback
 
 from . import errors
 from .storage import bank_identity, open_backend
+from .storage.base import FORK_GATE
 from .tasks import TaskRegistry, WorkerPool
 
 # A prefix search with at most this many matches is answered at once; a
@@ -154,7 +155,9 @@ def _entry(function):
     @functools.wraps(function)
     def entry(*args):
         if _KB.pid != os.getpid():
-            # A child forked without the fork hooks (a native fork, or a Python without them).
+            # A child forked without the fork hooks (a native fork, or a Python without them): the storage
+            # fork gate was not renewed either, and its lock may have been held by another thread.
+            FORK_GATE.renew_in_child()
             _KB.forget_parent()
         try:
             return function(*args)
