@@ -1,5 +1,6 @@
 // The reference knowledge-base package through the library: a round trip over the three search
 // types, replacement, deletion, refusals, and records that outlive the interpreter.
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -12,6 +13,37 @@ using OvraKb::StrMap;
 using OvraTest::TempDir;
 
 namespace {
+// Set on a thread, the next PyDict_New that the library itself makes there fails, as without memory.
+thread_local bool tFailLibraryDict = false;
+}  // namespace
+
+// This program exports PyDict_New (ENABLE_EXPORTS) and forwards every call to the runtime's. The library binds
+// it only when it finds the runtime in the global scope already, as it does after PreloadRuntime().
+extern "C" void *PyDict_New()
+{
+    using Real = void *(*)();
+    static const Real real = reinterpret_cast<Real>(dlsym(RTLD_NEXT, "PyDict_New"));
+    if (tFailLibraryDict) {
+        Dl_info caller{};
+        if (dladdr(__builtin_return_address(0), &caller) != 0 && caller.dli_fname != nullptr &&
+            std::string(caller.dli_fname).find("libovra_kb") != std::string::npos) {
+            tFailLibraryDict = false;
+            return nullptr;
+        }
+    }
+    return real();
+}
+
+namespace {
+
+// Loads the test interpreter's runtime into the global scope before the library's first start-up.
+void PreloadRuntime()
+{
+    const std::string query = "'" + OvraTest::TestPython() + "' -c 'import sysconfig; print(sysconfig.get_config_var";
+    const std::string path =
+        OvraTest::FirstLineOf(query + "(\"LIBDIR\"))'") + "/" + OvraTest::FirstLineOf(query + "(\"LDLIBRARY\"))'");
+    ASSERT_NE(dlopen(path.c_str(), RTLD_NOW | RTLD_GLOBAL), nullptr) << dlerror();
+}
 
 using Rows = std::vector<StrMap>;
 
@@ -97,7 +129,8 @@ TEST_F(ReferenceKb, AFailedInitialiseLeavesAnotherUsersSessionAlone)
         StrMap sys;
         StrMap load;
         std::uint32_t status;
-        const char *code;  // the package's code, when the package was asked at all
+        const char *code;           // the package's code, when the package was asked at all
+        bool noDictionary = false;  // the library's first dictionary fails (status 5)
     };
     const std::string blocker = dir_.File("plain_file");
     OvraTest::WriteFile(blocker, "");
@@ -118,20 +151,40 @@ TEST_F(ReferenceKb, AFailedInitialiseLeavesAnotherUsersSessionAlone)
          {{"op_bank_path", blocker}},
          6,
          "OVRA_KB_E003"},
+        {"missing op_bank_path", {{"soc_version", "soc-b2"}, {"core_num", "16"}}, {{"bank", "/tmp"}}, 2, ""},
+        {"no dictionary",
+         {{"soc_version", "soc-b2"}, {"core_num", "16"}},
+         {{"op_bank_path", dir_.File("b")}},
+         5,
+         "",
+         true},
     };
+    // Status 5 needs the library bound to this program's PyDict_New, through the global scope.
+    PreloadRuntime();
     ASSERT_EQ(Init(), 0U);
     for (const Refusal &refusal : refusals) {
         SCOPED_TRACE(refusal.label);
         OvraTest::ClearErrorReports();
         // The second user is a thread of its own: the error a refused value leaves pending stays with it.
         std::uint32_t status = 99;
-        std::thread([&] { status = OvraKbInit(refusal.sys, refusal.load); }).join();
+        std::thread([&] {
+            tFailLibraryDict = refusal.noDictionary;
+            status = OvraKbInit(refusal.sys, refusal.load);
+            tFailLibraryDict = false;
+        }).join();
         EXPECT_EQ(status, refusal.status);
         const auto reports = OvraTest::ErrorReports();
         EXPECT_EQ(reports.empty() ? std::string() : reports.back().first, refusal.code);
         EXPECT_EQ(OvraKbWrite(refusal.label, "written by the first user", {{"op_type", "Add"}}, true), 0U);
         EXPECT_EQ(Search(refusal.label, "Add", nullptr), Rows{Row("Add", refusal.label, "written by the first user")});
     }
+    EXPECT_EQ(OvraKbFinalize(), 0U);
+    // The rule's cost: the failed initialisations keep the Python side up. The package answers, and says that
+    // nobody initialised it; and a finalisation that matches no initialisation of the package closes nothing.
+    OvraTest::ClearErrorReports();
+    EXPECT_EQ(OvraKbWrite("late", "x", {{"op_type", "Add"}}, true), 6U);
+    const auto reports = OvraTest::ErrorReports();
+    EXPECT_EQ(reports.empty() ? std::string() : reports.back().first, "OVRA_KB_E007");
     EXPECT_EQ(OvraKbFinalize(), 0U);
 }
 
@@ -141,19 +194,25 @@ TEST_F(ReferenceKb, AFailedInitialiseLeavesAnotherUsersSessionAlone)
 TEST_F(ReferenceKb, ARefusedWriteKeepsNoneOfItsArguments)
 {
     ASSERT_EQ(Init(), 0U);
-    auto keptPerRefusal = [](const std::string &knowledge) {
-        EXPECT_EQ(OvraKbWrite("warm", knowledge, {{"op_type", "*"}}, true), 6U);
+    auto keptPerRefusal = [](const std::string &knowledge, const std::string &opType) {
+        // On its own thread: a refused value's pending error stays there, not on the next case's.
+        std::thread([&] { EXPECT_EQ(OvraKbWrite("warm", knowledge, {{"op_type", opType}}, true), 6U); }).join();
         const long before = OvraTest::ResidentBytes();
         constexpr int REFUSALS = 32;
         for (int i = 0; i < REFUSALS; ++i) {
-            EXPECT_EQ(OvraKbWrite("kw", knowledge, {{"op_type", "*"}}, true), 6U);
+            EXPECT_EQ(OvraKbWrite("kw", knowledge, {{"op_type", opType}}, true), 6U);
         }
         return (OvraTest::ResidentBytes() - before) / REFUSALS;
     };
-    const long small = keptPerRefusal("k");
-    const long large = keptPerRefusal(std::string(1 << 20, 'k'));
-    std::printf("resident bytes kept per refused write: %ld (1 byte), %ld (1 MB)\n", small, large);
+    const std::string megabyte(1 << 20, 'k');
+    const long small = keptPerRefusal("k", "*");
+    const long large = keptPerRefusal(megabyte, "*");
+    // Not UTF-8: the library cannot build the call's arguments, and the decode error holds the text.
+    const long undecodable = keptPerRefusal(megabyte + "\xff", "Add");
+    std::printf("resident bytes kept per refused write: %ld (1 byte), %ld (1 MB), %ld (1 MB, not UTF-8)\n", small,
+                large, undecodable);
     EXPECT_LT(large - small, 128 * 1024) << "a refused 1 MB write kept " << large << " bytes, a small one " << small;
+    EXPECT_LT(undecodable - small, 128 * 1024) << "a 1 MB write refused as not UTF-8 kept " << undecodable << " bytes";
     EXPECT_EQ(OvraKbFinalize(), 0U);
 }
 
