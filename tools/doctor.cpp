@@ -373,19 +373,31 @@ void Doctor::CheckBankDatabase()
     if (access(database.c_str(), F_OK) != 0 || !havePython_) {
         return;
     }
+    // A bank in use has its -wal and -shm files: the check reads through them. Otherwise the file alone is the
+    // bank, read as immutable, so that the check leaves no journal files behind (a read-only connection that
+    // made them could not remove them again).
+    const bool live = access((database + "-wal").c_str(), F_OK) == 0 && access((database + "-shm").c_str(), F_OK) == 0;
     setenv("OVRA_KB_DOCTOR_DB", database.c_str(), 1);
     const ShellResult checked = RunShell(
-        "python3 -c 'import os, sqlite3, urllib.parse as u; "
-        "c = sqlite3.connect(\"file:\" + u.quote(os.environ[\"OVRA_KB_DOCTOR_DB\"]) + \"?mode=ro\", uri=True); "
+        std::string("python3 -c 'import os, sqlite3, urllib.parse as u; "
+                    "c = sqlite3.connect(\"file:\" + u.quote(os.environ[\"OVRA_KB_DOCTOR_DB\"]) + \"?mode=ro") +
+        (live ? "" : "&immutable=1") +
+        "\", uri=True); "
         "r = c.execute(\"PRAGMA quick_check\").fetchone()[0]; "
         "print(r if r != \"ok\" else \"ok %d\" % c.execute(\"SELECT COUNT(*) FROM records\").fetchone()[0])' 2>&1");
     unsetenv("OVRA_KB_DOCTOR_DB");
     const std::string answer = LastLine(checked.output);
     const bool ok = checked.exitCode == 0 && answer.rfind("ok ", 0) == 0;
+    // Damage shows as the check's own findings or as a DatabaseError; an OperationalError (locked, no
+    // permission) says nothing about the file's soundness.
+    const bool unchecked = answer.rfind("sqlite3.OperationalError", 0) == 0;
     Report(ok, "database",
-           ok ? database + " passes a quick integrity check (" + answer.substr(3) + " records)"
-              : database + " is damaged (" + answer +
-                    "); move it aside and import the last export into a new bank (ovra-kb import FILE --bank DIR)");
+           ok          ? database + " passes a quick integrity check (" + answer.substr(3) + " records)"
+           : unchecked ? database + " cannot be checked (" + answer +
+                             "); check its permissions and whether another process holds it locked"
+                       : database + " is damaged (" + answer +
+                             "); move it aside with its -wal and -shm files and import the last export into a new "
+                             "bank (ovra-kb import FILE --bank DIR)");
 }
 
 void Doctor::CheckBank()
@@ -398,7 +410,13 @@ void Doctor::CheckBank()
     std::string why;
     if (IsDirectory(bank_)) {
         const bool ok = CanCreateFileIn(bank_, why);
-        Report(ok, "bank", bank_ + (ok ? " is writable" : " is not writable (" + why + ")" + fix));
+        const bool holdsBank = access((bank_ + "/" + kBankDatabase).c_str(), F_OK) == 0;
+        // A bank on read-only storage can still be searched and exported.
+        Report(ok, "bank",
+               bank_ + (ok          ? " is writable"
+                        : holdsBank ? " is read-only (" + why +
+                                          "): search and export work; to write, delete or import, copy it" + fix
+                                    : " is not writable (" + why + ")" + fix));
         CheckBankDatabase();
         return;
     }
