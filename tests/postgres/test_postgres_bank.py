@@ -428,8 +428,8 @@ class LoginTest(BankTestCase):
 class MoveTest(BankTestCase):
     """Export from an SQLite bank, import into PostgreSQL, export again: the same records, in the same order."""
 
-    def cli(self, *args):
-        args = list(args) + ["--soc", SOC, "--cores", CORES]
+    def cli(self, *args, chip=(SOC, CORES)):
+        args = list(args) + ["--soc", chip[0], "--cores", chip[1]]
         result = subprocess.run([CLI] + args, env=dict(self.env, OVRA_LOG_LEVEL="warning"),
                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE, universal_newlines=True,
                                 timeout=120)
@@ -456,6 +456,11 @@ class MoveTest(BankTestCase):
         for op, key, knowledge in records:
             self.assertEqual(kb.call("write", op, key, knowledge, 0).status, 0)
         self.assertEqual(kb.call("finalize").status, 0)
+        # Records of a second chip: the export holds every chip's, and the import puts each back to its own.
+        for key in ("m0001", "b"):
+            self.cli("write", key, "on the other chip", "--op-type", "MatMul", "--bank", sqlite_bank,
+                     chip=("soc-b2", "16"))
+        records += [("MatMul", "m0001", "on the other chip"), ("MatMul", "b", "on the other chip")]
 
         first, second, third = (os.path.join(self.tmp, name) for name in ("sqlite.jsonl", "pg.jsonl", "back.jsonl"))
         self.cli("export", first, "--bank", sqlite_bank)
@@ -466,6 +471,9 @@ class MoveTest(BankTestCase):
         self.assertEqual(sorted((r["op_type"], r["keyword"], r["knowledge"]) for r in exported), sorted(records))
         self.assertEqual(sorted(self.read(second).splitlines()), sorted(self.read(first).splitlines()))
         self.assertEqual(self.read(second), self.read(first))  # same order too: "*" sorts alike on both
+        stats = self.cli("stats", "--bank", self.url).stdout
+        self.assertEqual(stats, self.cli("stats", "--bank", sqlite_bank).stdout)
+        self.assertIn("soc-b2       16        2", stats)
         for op in ("Conv2D", "MatMul"):
             with self.subTest(op=op):
                 one, other = os.path.join(self.tmp, "s-" + op), os.path.join(self.tmp, "p-" + op)
