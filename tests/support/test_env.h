@@ -59,6 +59,21 @@ int TestPythonVersion();
 std::string TestPythonVersionText();
 // The resident set of this process, in bytes.
 long ResidentBytes();
+// Whether AddressSanitizer watches this build: its quarantine keeps freed memory resident for a while.
+constexpr bool UnderAddressSanitizer()
+{
+#if defined(__SANITIZE_ADDRESS__)
+    return true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+    return true;
+#else
+    return false;
+#endif
+#else
+    return false;
+#endif
+}
 // First line printed by a shell command, without its line end.
 std::string FirstLineOf(const std::string &command);
 
