@@ -104,7 +104,7 @@ export OVRA_KB_TEST_PG_CTL="$work/pg_ctl"
 
 cmake -S "$root/tests/postgres" -B "$build/postgres" -G Ninja \
   -DOVRA_KB_SOURCE_DIR="$root" -DOVRA_KB_BUILD_DIR="$build" >/dev/null
-cmake --build "$build/postgres"
+cmake --build "$build/postgres" >/dev/null
 status=0
 ctest --test-dir "$build/postgres" -L postgres -j 2 --output-on-failure --timeout 150 || status=$?
 if [ "$status" -ne 0 ]; then

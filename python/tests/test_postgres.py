@@ -486,3 +486,71 @@ class TlsTest(ServerTestCase):
 
 if __name__ == "__main__":
     unittest.main()
+
+    def test_threads_share_a_pool_of_a_few_connections(self):
+        name = "ovra_kb_" + self.schema.name
+        backend = self.open(pg_support.with_query(self.url, application_name=name))
+        failures, done = [], threading.Event()
+
+        def work(number):
+            try:
+                for item in range(200):
+                    backend.write(SCOPE, "Op", "t%d-%d" % (number, item), "v", item % 50 == 0)
+                    backend.exact(SCOPE, "Op", "t%d-%d" % (number, item))
+            except Exception as exc:  # reported below
+                failures.append(repr(exc))
+
+        threads = [threading.Thread(target=work, args=(n,)) for n in range(8)]
+        for thread in threads:
+            thread.start()
+        peak = 0
+        with pg_support.admin_connect() as conn:
+            while any(thread.is_alive() for thread in threads):
+                (count,), = conn.execute("SELECT count(*) FROM pg_stat_activity WHERE application_name = %s",
+                                         (name,)).fetchall()
+                peak = max(peak, count)
+        for thread in threads:
+            thread.join()
+        self.assertEqual(failures, [])
+        self.assertTrue(1 <= peak <= postgres_backend.POOL_SIZE, peak)
+        self.assertEqual(len(backend.all(SCOPE, "Op")), 8 * 200)
+
+    @unittest.skipUnless(os.environ.get("OVRA_KB_TEST_PG_CTL"), "needs a pg_ctl wrapper (OVRA_KB_TEST_PG_CTL)")
+    def test_durable_writes_acknowledged_across_a_crash_restart_are_kept(self):
+        import subprocess
+        import time
+        backend = self.open()
+        acknowledged, failed, stop = [], [], threading.Event()
+
+        def writer():
+            number = 0
+            while not stop.is_set():
+                try:
+                    backend.write(SCOPE, "Farm", "r%06d" % number, "v", True)
+                    acknowledged.append("r%06d" % number)
+                except RuntimeError as exc:
+                    failed.append(error_info(exc)["errCode"])
+                number += 1
+
+        def wait_for_acknowledged(count):
+            deadline = time.monotonic() + 60
+            while len(acknowledged) < count and time.monotonic() < deadline:
+                time.sleep(0.05)
+            self.assertGreaterEqual(len(acknowledged), count)
+
+        thread = threading.Thread(target=writer)
+        thread.start()
+        try:
+            wait_for_acknowledged(100)
+            # No shutdown checkpoint: the server recovers from its write-ahead log, as after a crash.
+            restart = subprocess.run([os.environ["OVRA_KB_TEST_PG_CTL"], "restart", "-m", "immediate", "-w", "-t",
+                                      "60"], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=90)
+            self.assertEqual(restart.returncode, 0, restart.stdout)
+            wait_for_acknowledged(len(acknowledged) + 100)
+        finally:
+            stop.set()
+            thread.join()
+        stored = {keyword for (keyword,) in self.schema.execute(
+            "SELECT keyword FROM ovra_kb_records WHERE op_type = 'Farm'")}
+        self.assertEqual([key for key in acknowledged if key not in stored], [])
+        self.assertLessEqual(set(failed), {errors.CONNECTION_LOST})
