@@ -428,65 +428,6 @@ class ConnectionTest(ServerTestCase):
         backend.write(SCOPE, "Op", "k", "2", True)
         self.assertEqual(backend.exact(SCOPE, "Op", "k")[0]["knowledge"], "2")
 
-
-class OptionsTest(ServerTestCase):
-    def parameters(self, url):
-        return self.open(url)._idle[0].conn.info.get_parameters()
-
-    def test_the_urls_options_win_over_the_packages_defaults(self):
-        defaults = self.parameters(self.url)
-        for name, value in postgres_backend.CONNECT_DEFAULTS:
-            self.assertEqual(defaults.get(name), value, name)
-        chosen = self.parameters(pg_support.with_query(self.url, connect_timeout="3", application_name="farm-7",
-                                                       keepalives_idle="45", tcp_user_timeout="5000"))
-        self.assertEqual((chosen["connect_timeout"], chosen["application_name"], chosen["keepalives_idle"],
-                          chosen["tcp_user_timeout"]), ("3", "farm-7", "45", "5000"))
-        self.assertEqual(chosen["keepalives_count"], "3")
-
-    def test_an_option_libpq_does_not_know_is_refused(self):
-        url = pg_support.with_query(self.url, colour="blue")
-        with self.assertPgError(errors.BANK_PATH_UNUSABLE, self.password) as caught:
-            interface.ovra_kb_init(SYS, {"op_bank_path": url})
-        self.assertIn("colour", error_info(caught.exception)["message"])
-
-
-TLS_ROOT = os.environ.get("OVRA_KB_TEST_PG_SSL_ROOT", "")
-
-
-@unittest.skipUnless(TLS_ROOT, "the test server has no TLS (OVRA_KB_TEST_PG_SSL_ROOT is unset)")
-class TlsTest(ServerTestCase):
-    def tls_url(self, host="127.0.0.1", **options):
-        base = pg_support.url_via(self.url, host, pg_support.url_parts(self.url)[1])
-        base = base.replace("sslmode=disable&", "").replace("?sslmode=disable", "?").replace("&sslmode=disable", "")
-        return pg_support.with_query(base, **options)
-
-    def test_sslmode_options_reach_the_server(self):
-        for options in ({"sslmode": "require"}, {"sslmode": "verify-full", "sslrootcert": TLS_ROOT}):
-            with self.subTest(options=options):
-                backend = self.open(self.tls_url(**options))
-                conn = backend._idle[0].conn
-                self.assertEqual(conn.execute("SELECT ssl FROM pg_stat_ssl WHERE pid = pg_backend_pid()").fetchone(),
-                                 (True,))
-                backend.write(SCOPE, "Op", "k", "over TLS", True)
-                self.assertEqual(backend.exact(SCOPE, "Op", "k")[0]["knowledge"], "over TLS")
-
-    def test_a_server_that_fails_verification_is_not_used(self):
-        cases = [
-            (self.tls_url("localhost", sslmode="verify-full", sslrootcert=TLS_ROOT), "does not match host name"),
-            (self.tls_url(sslmode="verify-full", sslrootcert=TLS_ROOT + ".missing"), "root certificate file"),
-        ]
-        for url, reason in cases:
-            with self.subTest(reason=reason):
-                with self.assertPgError(errors.CANNOT_CONNECT, self.password) as caught:
-                    interface.ovra_kb_init(SYS, {"op_bank_path": url})
-                message = error_info(caught.exception)["message"]
-                self.assertIn(reason, message)
-                self.assertIn("sslmode", message)
-
-
-if __name__ == "__main__":
-    unittest.main()
-
     def test_threads_share_a_pool_of_a_few_connections(self):
         name = "ovra_kb_" + self.schema.name
         backend = self.open(pg_support.with_query(self.url, application_name=name))
@@ -554,3 +495,62 @@ if __name__ == "__main__":
             "SELECT keyword FROM ovra_kb_records WHERE op_type = 'Farm'")}
         self.assertEqual([key for key in acknowledged if key not in stored], [])
         self.assertLessEqual(set(failed), {errors.CONNECTION_LOST})
+
+
+class OptionsTest(ServerTestCase):
+    def parameters(self, url):
+        return self.open(url)._idle[0].conn.info.get_parameters()
+
+    def test_the_urls_options_win_over_the_packages_defaults(self):
+        defaults = self.parameters(self.url)
+        for name, value in postgres_backend.CONNECT_DEFAULTS:
+            self.assertEqual(defaults.get(name), value, name)
+        chosen = self.parameters(pg_support.with_query(self.url, connect_timeout="3", application_name="farm-7",
+                                                       keepalives_idle="45", tcp_user_timeout="5000"))
+        self.assertEqual((chosen["connect_timeout"], chosen["application_name"], chosen["keepalives_idle"],
+                          chosen["tcp_user_timeout"]), ("3", "farm-7", "45", "5000"))
+        self.assertEqual(chosen["keepalives_count"], "3")
+
+    def test_an_option_libpq_does_not_know_is_refused(self):
+        url = pg_support.with_query(self.url, colour="blue")
+        with self.assertPgError(errors.BANK_PATH_UNUSABLE, self.password) as caught:
+            interface.ovra_kb_init(SYS, {"op_bank_path": url})
+        self.assertIn("colour", error_info(caught.exception)["message"])
+
+
+TLS_ROOT = os.environ.get("OVRA_KB_TEST_PG_SSL_ROOT", "")
+
+
+@unittest.skipUnless(TLS_ROOT, "the test server has no TLS (OVRA_KB_TEST_PG_SSL_ROOT is unset)")
+class TlsTest(ServerTestCase):
+    def tls_url(self, host="127.0.0.1", **options):
+        base = pg_support.url_via(self.url, host, pg_support.url_parts(self.url)[1])
+        base = base.replace("sslmode=disable&", "").replace("?sslmode=disable", "?").replace("&sslmode=disable", "")
+        return pg_support.with_query(base, **options)
+
+    def test_sslmode_options_reach_the_server(self):
+        for options in ({"sslmode": "require"}, {"sslmode": "verify-full", "sslrootcert": TLS_ROOT}):
+            with self.subTest(options=options):
+                backend = self.open(self.tls_url(**options))
+                conn = backend._idle[0].conn
+                self.assertEqual(conn.execute("SELECT ssl FROM pg_stat_ssl WHERE pid = pg_backend_pid()").fetchone(),
+                                 (True,))
+                backend.write(SCOPE, "Op", "k", "over TLS", True)
+                self.assertEqual(backend.exact(SCOPE, "Op", "k")[0]["knowledge"], "over TLS")
+
+    def test_a_server_that_fails_verification_is_not_used(self):
+        cases = [
+            (self.tls_url("localhost", sslmode="verify-full", sslrootcert=TLS_ROOT), "does not match host name"),
+            (self.tls_url(sslmode="verify-full", sslrootcert=TLS_ROOT + ".missing"), "root certificate file"),
+        ]
+        for url, reason in cases:
+            with self.subTest(reason=reason):
+                with self.assertPgError(errors.CANNOT_CONNECT, self.password) as caught:
+                    interface.ovra_kb_init(SYS, {"op_bank_path": url})
+                message = error_info(caught.exception)["message"]
+                self.assertIn(reason, message)
+                self.assertIn("sslmode", message)
+
+
+if __name__ == "__main__":
+    unittest.main()
