@@ -55,32 +55,3 @@ class ProcessTest(KbTestCase):
         interface.ovra_kb_finalize()
         self.init()
         self.assertEqual([r["knowledge"] for r in search("durable", "Add")], ["yes"])
-
-    def test_processes_writing_at_once_lose_nothing(self):
-        # Four processes create a new bank together, then two of them write
-        # 1,000 records each at the same time.
-        go = os.path.join(self.tmp, "go")
-        code = """
-            import os, sys, time
-            from oxe.common.repository_manager import interface as kb
-            bank, go, name, count = sys.argv[1], sys.argv[2], sys.argv[3], int(sys.argv[4])
-            while not os.path.exists(go):
-                time.sleep(0.001)
-            kb.ovra_kb_init({"soc_version": "soc-a1", "core_num": "32"}, {"op_bank_path": bank})
-            for number in range(count):
-                kb.ovra_kb_write("%s-%04d" % (name, number), name, {"op_type": "Add"}, int(number % 250 == 0))
-            kb.ovra_kb_finalize()
-        """
-        children = [start_python(code, self.bank, go, name, count)
-                    for name, count in (("first", 1000), ("second", 1000), ("third", 1), ("fourth", 1))]
-        time.sleep(0.3)
-        open(go, "w").close()
-        for child in children:
-            err = child.communicate(timeout=300)[1]
-            self.assertEqual(child.returncode, 0, err)
-        self.init()
-        rows = search("", "Add", "all")
-        self.assertEqual(len(rows), 2002)
-        for name, count in (("first", 1000), ("second", 1000), ("third", 1), ("fourth", 1)):
-            self.assertEqual([r["keyword"] for r in rows if r["knowledge"] == name],
-                             ["%s-%04d" % (name, n) for n in range(count)])
