@@ -305,20 +305,23 @@ int WriteExport(const std::vector<OvraKb::StrMap> &rows, const Options &options)
     return 0;
 }
 
-// Only write and import make a bank; the other commands on a bank that does not exist would make an empty one
-// (and its missing parents) for a mistyped path and then find nothing in it.
-int RequireExistingBank(const Options &options)
+// The commands that may make a bank that does not exist yet. Any other command on a missing bank would make an
+// empty one (and its missing parents) for a mistyped path and then find nothing in it, so it is refused.
+const Command kCommandsThatCreateBanks[] = {Command::kWrite, Command::kImport, Command::kDemo};
+
+}  // namespace
+
+int RefuseMissingBank(const Options &options, const std::string &bank)
 {
-    const std::string bank = BankDir(options);
-    if (IsServerUrl(bank) || IsDirectory(bank)) {
+    const bool mayCreate = std::find(std::begin(kCommandsThatCreateBanks), std::end(kCommandsThatCreateBanks),
+                                     options.command) != std::end(kCommandsThatCreateBanks);
+    if (mayCreate || IsServerUrl(bank) || IsDirectory(bank)) {
         return 0;
     }
     std::fprintf(stderr, "ovra-kb: there is no bank at %s; check --bank (only write and import create a bank)\n",
                  bank.c_str());
     return kExitNoInput;
 }
-
-}  // namespace
 
 std::string BankDir(const Options &options)
 {
@@ -362,9 +365,6 @@ int RunWrite(const Options &options)
 
 int RunSearch(const Options &options)
 {
-    if (const int missing = RequireExistingBank(options)) {
-        return missing;
-    }
     const std::string keyword = options.operands.empty() ? "" : options.operands[0];
     return WithSession(options, BankDir(options), [&](KbSession &kb) {
         std::vector<OvraKb::StrMap> rows;
@@ -376,9 +376,6 @@ int RunSearch(const Options &options)
 // The knowledge base answers a delete of a missing record with success; looking first tells the user which.
 int RunDelete(const Options &options)
 {
-    if (const int missing = RequireExistingBank(options)) {
-        return missing;
-    }
     const std::string &keyword = options.operands[0];
     return WithSession(options, BankDir(options), [&](KbSession &kb) {
         std::vector<OvraKb::StrMap> existing;
@@ -415,9 +412,6 @@ int RunImport(const Options &options)
 
 int RunExport(const Options &options)
 {
-    if (const int missing = RequireExistingBank(options)) {
-        return missing;
-    }
     const std::string opType = options.opTypeGiven ? options.opType : kEveryOpType;
     InterruptCatcher catcher;
     return WithSession(options, BankDir(options), [&](KbSession &kb) {
@@ -429,9 +423,6 @@ int RunExport(const Options &options)
 
 int RunStats(const Options &options)
 {
-    if (const int missing = RequireExistingBank(options)) {
-        return missing;
-    }
     return WithSession(options, BankDir(options), [&](KbSession &kb) {
         std::vector<OvraKb::StrMap> chips;
         const CallOutcome found = kb.Search("", kEveryOpType, kChipCounts, chips);

@@ -22,10 +22,17 @@ std::string FirstPythonProblem();
 // The bank of --bank, or the default one.
 std::string BankDir(const Options &options);
 
+// 0 when the command may open `bank`: it exists, or the command is one that creates a bank. Otherwise says
+// that there is no bank there and answers the exit status.
+int RefuseMissingBank(const Options &options, const std::string &bank);
+
 // Opens a session for the options, runs `body` with it and closes it; the first failure gives the exit status.
 template <typename Body>
 int WithSession(const Options &options, const std::string &bank, Body &&body)
 {
+    if (const int missing = RefuseMissingBank(options, bank)) {
+        return missing;
+    }
     KbSession session(KbSettings{bank, options.soc, options.cores, options.verbose});
     const CallOutcome opened = session.Open();
     if (!opened.Ok()) {
