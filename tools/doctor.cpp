@@ -16,6 +16,7 @@
 
 #include "commands.h"
 #include "environment.h"
+#include "json.h"
 #include "output.h"
 #include "runtime/python_api.h"
 #include "shell.h"
@@ -93,13 +94,15 @@ class Doctor {
         }
     }
 
+    // "ok" is a JSON boolean, so that a script can test it as it is (the string "false" would count as true).
     void PrintJson() const
     {
-        std::vector<OvraKb::StrMap> rows;
+        std::vector<std::string> objects;
         for (const Finding &finding : findings_) {
-            rows.push_back({{"check", finding.name}, {"ok", finding.ok ? "true" : "false"}, {"detail", finding.text}});
+            objects.push_back("{\"check\": " + JsonString(finding.name) + ", \"detail\": " + JsonString(finding.text) +
+                              ", \"ok\": " + (finding.ok ? "true" : "false") + "}");
         }
-        std::fputs(FormatJsonArray(rows).c_str(), stdout);
+        std::fputs(FormatJsonArray(objects).c_str(), stdout);
     }
 
     void CheckPython();

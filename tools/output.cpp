@@ -159,13 +159,22 @@ std::string FormatTable(const std::vector<OvraKb::StrMap> &rows, std::size_t wid
     return table;
 }
 
-std::string FormatJsonArray(const std::vector<OvraKb::StrMap> &rows)
+std::string FormatJsonArray(const std::vector<std::string> &objects)
 {
     std::string out = "[";
-    for (std::size_t i = 0; i < rows.size(); ++i) {
-        out += (i == 0 ? "\n  " : ",\n  ") + FormatJsonObject(rows[i]);
+    for (std::size_t i = 0; i < objects.size(); ++i) {
+        out += (i == 0 ? "\n  " : ",\n  ") + objects[i];
     }
-    return out + (rows.empty() ? "]\n" : "\n]\n");
+    return out + (objects.empty() ? "]\n" : "\n]\n");
+}
+
+std::string FormatJsonArray(const std::vector<OvraKb::StrMap> &rows)
+{
+    std::vector<std::string> objects;
+    for (const OvraKb::StrMap &row : rows) {
+        objects.push_back(FormatJsonObject(row));
+    }
+    return FormatJsonArray(objects);
 }
 
 }  // namespace OvraCli

@@ -20,6 +20,8 @@ std::string FormatTable(const std::vector<OvraKb::StrMap> &rows, std::size_t wid
 
 // A JSON array holding one object per row with every field of the row.
 std::string FormatJsonArray(const std::vector<OvraKb::StrMap> &rows);
+// A JSON array of objects already written as JSON, one per line.
+std::string FormatJsonArray(const std::vector<std::string> &objects);
 
 }  // namespace OvraCli
 

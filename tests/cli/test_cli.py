@@ -458,9 +458,13 @@ class DoctorTest(CliTestCase):
         self.assertRegex(lines[0], r"python3: %s is pyenv's shim for .*; it adds \d+ ms" % re.escape(python3))
 
     def test_missing_python3_names_the_fix(self):
-        lines = self.doctor(1, env={"PATH": self.make_dir("empty-bin")})
+        env = {"PATH": self.make_dir("empty-bin")}
+        lines = self.doctor(1, env=env)
         self.assertRegex(lines["python3"], r"^fix +python3: none on PATH; install a CPython .* shared library")
         self.assertTrue(lines["bank"].startswith("ok "))
+        checks = json.loads(self.run_cli("doctor", "--json", "--bank", self.bank, status=1, env=env).stdout)
+        self.assertEqual({check["check"]: check["ok"] for check in checks},
+                         {name: line.startswith("ok ") for name, line in lines.items()})
 
     def test_a_server_bank_is_checked_without_showing_its_password(self):
         # The test interpreter has no PostgreSQL driver: the check names the way to install it for that Python.
