@@ -332,14 +332,24 @@ esac
                 self.assert_one_line(result.stderr, "there is no bank at " + re.escape(missing))
                 self.assertFalse(os.path.exists(os.path.dirname(missing)))
 
-    def test_unwritable_bank(self):
+    def test_unusable_bank_paths(self):
         # A path below a regular file cannot be created by anyone, root included.
         blocker = self.write_file("not-a-dir", "keep me")
-        result = self.run_cli("write", "k", "v", "--bank", os.path.join(blocker, "bank"), status=6)
-        self.assert_one_line(result.stderr, r"cannot be created \(Not a directory\) \[OVRA_KB_E003\]",
-                             "try --bank with a writable directory$")
+        cases = [
+            (os.path.join(blocker, "bank"),
+             [r"cannot be created \(Not a directory\) \[OVRA_KB_E003\]", "try --bank with a writable directory$"]),
+            (os.path.join(self.tmp, *["b" * 250] * 3, "bank"),
+             [r"is too long for the database \(\d+ bytes, at most \d+\) \[OVRA_KB_E003\]",
+              "try --bank with a shorter path$"]),
+        ]
+        before = sorted(os.listdir(self.tmp))
+        for bank, patterns in cases:
+            with self.subTest(patterns[0]):
+                result = self.run_cli("write", "k", "v", "--bank", bank, status=6)
+                self.assert_one_line(result.stderr, *patterns)
         with open(blocker) as kept:
             self.assertEqual(kept.read(), "keep me")
+        self.assertEqual(sorted(os.listdir(self.tmp)), before, "nothing is left behind")
         self.assert_bank_intact()
 
     def test_users_log_level_is_kept(self):
