@@ -92,7 +92,8 @@ const char kExitStatuses[] =
     "Exit status: 0 success; 2 a required setting is missing; 3 Python could not be started;\n"
     "4 a value is not valid UTF-8; 5 Python could not make a dictionary; 6 the knowledge base\n"
     "refused the call; 1 doctor found a problem; 64 usage error; 65 malformed import file;\n"
-    "66 import file unreadable; 73 export file not writable.\n";
+    "66 import file unreadable, or no bank for a command that does not create one;\n"
+    "73 export file not writable; 130 interrupted (Ctrl-C).\n";
 
 const CommandInfo *FindCommand(const std::string &name)
 {

@@ -26,9 +26,8 @@ struct Options {
     bool opTypeGiven = false;
     std::string searchType = "exact";
     bool json = false;
-    bool oneChip = false;
-    std::string knowledgeFile;  // write: the knowledge is this file's content  // export: only the chip of --soc and
-                                // --cores, in lines without a chip
+    bool oneChip = false;       // export: only the chip of --soc and --cores, in lines without a chip
+    std::string knowledgeFile;  // write: the knowledge is this file's content
     bool verbose = false;
     bool help = false;
     bool version = false;
