@@ -108,11 +108,13 @@ TEST(ErrorReports, AreKeptPrintedAndCleared)
     Output output = RunProbe("", "report");
     EXPECT_EQ(output.out,
               "E1 op=Add reason=bank offline\n"
-              "EC0010 result=text\n"
+              "EC0010 result=two\nlines\n"
               "answers 0 0, left 0, tid positive\n");
     ASSERT_EQ(output.lines.size(), 2U);
     EXPECT_NE(output.lines[0].find("[ERROR] "), std::string::npos);
     EXPECT_NE(output.lines[0].find("error report E1 {op: Add, reason: bank offline}"), std::string::npos);
+    EXPECT_NE(output.lines[1].find("error report EC0010 {result: two\\nlines}"), std::string::npos)
+        << "a line break in a report is written as \\n, keeping the report on one line";
 
     EXPECT_TRUE(RunProbe("OVRA_LOG_LEVEL=off", "report").lines.empty()) << "reports follow the threshold";
 }

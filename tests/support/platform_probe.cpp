@@ -38,7 +38,7 @@ int Report()
 {
     ErrorManager &manager = ErrorManager::GetInstance();
     int first = manager.ReportErrMessage("E1", {{"reason", "bank offline"}, {"op", "Add"}});
-    int second = manager.ReportErrMessage("EC0010", {{"result", "text"}});
+    int second = manager.ReportErrMessage("EC0010", {{"result", "two\nlines"}});
     for (const ErrorManager::Report &report : manager.GetReports()) {
         printf("%s", report.errCode.c_str());
         for (const auto &entry : report.args) {
