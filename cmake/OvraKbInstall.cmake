@@ -45,6 +45,7 @@ install(DIRECTORY python/oxe DESTINATION ${OVRA_KB_INSTALL_PYTHONDIR}
   PATTERN "__pycache__" EXCLUDE PATTERN "*.pyc" EXCLUDE)
 install(FILES python/README.md DESTINATION ${OVRA_KB_INSTALL_PYTHONDIR})
 install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${OVRA_KB_INSTALL_DOCDIR})
+install(FILES tools/README.md DESTINATION ${OVRA_KB_INSTALL_DOCDIR} RENAME ovra-kb.md)
 # Debian's copyright file: the licence and who holds it.
 configure_file(cmake/templates/copyright.in "${PROJECT_BINARY_DIR}/copyright" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/copyright" DESTINATION ${OVRA_KB_INSTALL_DOCDIR})
@@ -54,11 +55,28 @@ set(CPACK_PACKAGE_NAME "ovra-kb")
 set(CPACK_PACKAGE_VENDOR "libovra_kb developers")
 set(CPACK_PACKAGE_CONTACT "libovra_kb developers <maintainers@users.noreply.c-seed-5abd4ea0.example>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
+set(CPACK_PACKAGE_DESCRIPTION "libovra_kb.so gives native C++ programs a blocking interface (init, search,
+write, delete, finalize) to a knowledge base of operator tuning records whose
+logic is a Python package; it loads the runtime of python3 at run time.
+The package also holds the default platform library, the headers with the
+CMake and pkg-config packages, the ovra-kb command and the reference
+knowledge-base package.")
+
+# Debian's changelog of a native package, pointing at CHANGELOG.md; dated by SOURCE_DATE_EPOCH when it is set.
+string(TIMESTAMP OVRA_KB_CHANGELOG_DATE "%a, %d %b %Y %H:%M:%S +0000" UTC)
+configure_file(cmake/templates/changelog.in "${PROJECT_BINARY_DIR}/changelog" @ONLY)
+file(ARCHIVE_CREATE OUTPUT "${PROJECT_BINARY_DIR}/changelog.gz" PATHS "${PROJECT_BINARY_DIR}/changelog" FORMAT raw
+  COMPRESSION GZip COMPRESSION_LEVEL 9 MTIME 0)
+install(FILES "${PROJECT_BINARY_DIR}/changelog.gz" DESTINATION ${OVRA_KB_INSTALL_DOCDIR})
 set(CPACK_PACKAGE_VERSION "${PROJECT_VERSION}")
 set(CPACK_GENERATOR "DEB")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION "devel")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# The package provides the two libraries to others (shlibs) and has the loader's cache renewed (trigger).
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+file(WRITE "${PROJECT_BINARY_DIR}/deb/triggers" "activate-noawait ldconfig\n")
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA "${PROJECT_BINARY_DIR}/deb/triggers")
 # The library loads the runtime that python3 names as its LDLIBRARY, libpython3.X.so, which Debian ships in
 # libpython3.X-dev (libpython3-dev depends on the one of the default python3).
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "python3 (>= 3.6), libpython3-dev")

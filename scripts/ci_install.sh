@@ -62,9 +62,13 @@ deb="$(ls "$work"/package/*.deb)"
 info="$(dpkg-deb --info "$deb")"
 grep -E 'Package|Version|Section|Depends' <<<"$info"
 grep -q 'Depends:.*libpython3-dev' <<<"$info" || fail "the package does not depend on the Python runtime it loads"
+# Errors only: one package for library, headers and command is a choice (section devel), not a fault.
+if command -v lintian >/dev/null; then
+  lintian --fail-on error "$deb" || fail "lintian finds errors in the package"
+fi
 dpkg-deb -x "$deb" "$work/root"
-for path in usr/share/doc/ovra-kb/copyright usr/share/doc/ovra-kb/LICENSE usr/share/man/man1/ovra-kb.1.gz \
-  usr/share/bash-completion/completions/ovra-kb; do
+for path in usr/share/doc/ovra-kb/copyright usr/share/doc/ovra-kb/LICENSE usr/share/doc/ovra-kb/changelog.gz \
+  usr/share/doc/ovra-kb/ovra-kb.md usr/share/man/man1/ovra-kb.1.gz usr/share/bash-completion/completions/ovra-kb; do
   [ -f "$work/root/$path" ] || fail "the package lacks /$path"
 done
 for binary in "$work"/root/usr/bin/ovra-kb "$work"/root/usr/lib/libovra_kb.so.*.*; do

@@ -12,7 +12,7 @@ if [ "${1:-}" != demo ]; then
     clang make pkg-config file
     libgtest-dev libgmock-dev libbenchmark-dev pybind11-dev
     postgresql python3-psycopg
-    binutils valgrind dpkg-dev
+    binutils valgrind dpkg-dev lintian
     libclang-rt-14-dev llvm
   )
 fi

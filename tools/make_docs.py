@@ -55,7 +55,7 @@ def man_page(cli):
     for name, _synopsis in commands(overview):
         details = run(cli, "help", name).split("Common options:", 1)[0]
         out += [".SS %s" % name, ".nf", roff(details), ".fi"]
-    out += [".SH SEE ALSO", "The manual (README.md) and the user guide in /usr/share/doc/ovra-kb."]
+    out += [".SH SEE ALSO", "The manual (ovra-kb.md), README.md and the user guide in /usr/share/doc/ovra-kb."]
     return "\n".join(out) + "\n"
 
 
