@@ -196,6 +196,14 @@ class ExportImportTest(CliTestCase):
         self.assertEqual(imported.stdout, "imported 1 record from standard input\n")
         rows = dict((r["keyword"], r["knowledge"]) for r in map(json.loads, self.kb("export", "-").stdout.splitlines()))
         self.assertEqual(rows, {"from-stdin": "line one\nline two\n", "from-file": "x" * 200000, "bom": "v"})
+        # Like export | head: the reader goes while more than a pipe's buffer is still to come.
+        export = subprocess.Popen([CLI, "export", "--bank", self.bank], env=self.env, stdout=subprocess.PIPE,
+                                  stderr=subprocess.PIPE)
+        export.stdout.read(1)
+        export.stdout.close()
+        with export.stderr:
+            self.assertEqual(export.stderr.read(), b"")
+        self.assertIn(export.wait(timeout=120), (0, -signal.SIGPIPE))
 
     def test_ctrl_c_stops_an_import_between_records_and_says_what_was_written(self):
         lines = [json.dumps({"keyword": "k%06d" % i, "knowledge": "v"}) for i in range(200000)]
