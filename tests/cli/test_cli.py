@@ -12,6 +12,7 @@ import signal
 import subprocess
 import sys
 import tempfile
+import unicodedata
 import unittest
 
 CLI = os.environ.get("OVRA_KB_CLI", "")
@@ -139,15 +140,18 @@ class RoundTripTest(CliTestCase):
         table = table_rows(self.kb("search", *cases[-1][0]).stdout)
         self.assertEqual([row[:2] for row in table], cases[-1][1])
 
-    def test_table_cuts_knowledge_at_the_terminal_width(self):
-        knowledge = "\u00e9" + "x" * 200
-        self.kb("write", "long", knowledge)
-        cut = self.kb("search", "long", env={"COLUMNS": "40"}).stdout.splitlines()
-        self.assertTrue(all(len(line) <= 40 for line in cut), cut)
-        self.assertTrue(cut[1].endswith("\u2026"), cut[1])
-        self.assertEqual(len(cut[1]), 40)
-        whole = self.kb("search", "long").stdout
-        self.assertEqual(table_rows(whole), [("long", "generic", knowledge)])
+    def test_table_cuts_long_cells_at_the_terminal_width(self):
+        # A wide character fills two columns of a terminal; a long keyword gives up space too.
+        records = {"long": "\u00e9" + "x" * 200, "k" * 60: "short", "\u6f22\u5b57" * 3: "\u77e5\u8b58" * 20}
+        for keyword, knowledge in records.items():
+            self.kb("write", keyword, knowledge)
+        cut = self.kb("search", "--type", "all", env={"COLUMNS": "40"}).stdout.splitlines()
+        columns = [sum(2 if unicodedata.east_asian_width(c) in "WF" else 1 for c in line) for line in cut]
+        self.assertTrue(all(width <= 40 for width in columns), cut)
+        self.assertEqual(sorted(w for w, line in zip(columns, cut) if line.endswith("\u2026")), [39, 40], cut)
+        self.assertTrue(any(line.startswith("k" * 12 + "\u2026 ") for line in cut), cut)
+        whole = self.kb("search", "--type", "all").stdout
+        self.assertEqual(sorted(table_rows(whole)), sorted((k, "generic", v) for k, v in records.items()))
 
 
 class ExportImportTest(CliTestCase):
