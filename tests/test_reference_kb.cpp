@@ -17,11 +17,16 @@ namespace {
 thread_local bool tFailLibraryDict = false;
 }  // namespace
 
+namespace OvraKb {
+struct PyObject;
+}
+
 // This program exports PyDict_New (ENABLE_EXPORTS) and forwards every call to the runtime's. The library binds
-// it only when it finds the runtime in the global scope already, as it does after PreloadRuntime().
-extern "C" void *PyDict_New()
+// it only when it finds the runtime in the global scope already, as it does after PreloadRuntime(). It has the
+// type that the library calls it through, which the function sanitizer checks.
+extern "C" OvraKb::PyObject *PyDict_New()
 {
-    using Real = void *(*)();
+    using Real = OvraKb::PyObject *(*)();
     static const Real real = reinterpret_cast<Real>(dlsym(RTLD_NEXT, "PyDict_New"));
     if (tFailLibraryDict) {
         Dl_info caller{};
