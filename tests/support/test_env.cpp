@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <stdexcept>
 
 #include "log_capture.h"
@@ -167,43 +166,28 @@ void Scripted::SetScript(const std::string &json) const
     WriteFile(script_, json);
 }
 
-// Record lines: "<ns> <thread> name(args)" for calls, "note <text>" for notes.
-std::vector<RecordedCall> Scripted::Calls() const
-{
-    std::vector<RecordedCall> calls;
-    for (const std::string &line : ReadLines(record_)) {
-        if (line.compare(0, 5, "note ") != 0) {
-            std::istringstream fields(line);
-            RecordedCall call;
-            std::string thread;
-            fields >> call.nanoseconds >> thread;
-            std::getline(fields >> std::ws, call.call);
-            calls.push_back(call);
-        }
-    }
-    return calls;
-}
-
-Strings Scripted::CallsOf(const std::string &function) const
+// The record holds "name(args)" for a call and "note <text>" for a note.
+Strings Scripted::Record(bool notes) const
 {
     Strings out;
-    for (const RecordedCall &call : Calls()) {
-        if (call.call.compare(0, function.size() + 1, function + "(") == 0) {
-            out.push_back(call.call);
+    for (const std::string &line : ReadLines(record_)) {
+        const bool note = line.compare(0, 5, "note ") == 0;
+        if (note == notes) {
+            out.push_back(note ? line.substr(5) : line);
         }
     }
     return out;
 }
 
-Strings Scripted::Notes() const
+Strings Scripted::CallsOf(const std::string &function) const
 {
-    Strings notes;
-    for (const std::string &line : ReadLines(record_)) {
-        if (line.compare(0, 5, "note ") == 0) {
-            notes.push_back(line.substr(5));
+    Strings out;
+    for (const std::string &call : Calls()) {
+        if (call.compare(0, function.size() + 1, function + "(") == 0) {
+            out.push_back(call);
         }
     }
-    return notes;
+    return out;
 }
 
 void Scripted::ClearRecord() const

@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
 #include <initializer_list>
 #include <string>
 #include <vector>
@@ -73,24 +72,20 @@ constexpr bool UnderAddressSanitizer()
 }
 
 // The scripted test packages: what the module answers (a JSON script) and what it received.
-struct RecordedCall {
-    std::int64_t nanoseconds = 0;
-    std::string call;  // name(repr of each argument)
-};
-
 class Scripted {
   public:
     explicit Scripted(const TempDir &dir);
     // Replaces the script: a JSON object from function name to a list of Python expressions.
     void SetScript(const std::string &json) const;
-    std::vector<RecordedCall> Calls() const;
-    // Only the calls of one function, as text.
+    // The calls, as name(repr of each argument), and the texts of the module's note(...), in order.
+    Strings Calls() const { return Record(false); }
     Strings CallsOf(const std::string &function) const;
-    // The texts of the module's note(...) lines, in order.
-    Strings Notes() const;
+    Strings Notes() const { return Record(true); }
     void ClearRecord() const;
 
   private:
+    Strings Record(bool notes) const;
+
     std::string script_;
     std::string record_;
 };

@@ -6,9 +6,8 @@ one repeats). An expression sees `args` (the call's arguments), `state` (a dict 
 all calls) and the helpers below; `fail(exc)` raises. Without a script entry a function
 gives its default answer.
 
-Every call appends one line to the file named by OVRA_TEST_RECORD:
-    <monotonic ns> <thread ident> <function>(<repr of each argument>)
-and `note(text)` adds "note <text>" lines.
+Every call appends the line "<function>(<repr of each argument>)" to the file named by
+OVRA_TEST_RECORD, and `note(text)` adds "note <text>" lines.
 """
 import gc
 import json
@@ -132,14 +131,9 @@ def _write_record(line):
             handle.write(line)
 
 
-def _record(name, args):
-    now = time.monotonic_ns() if hasattr(time, "monotonic_ns") else int(time.monotonic() * 1e9)
-    _write_record("%d %d %s(%s)\n" % (now, threading.get_ident(), name, ", ".join(repr(a) for a in args)))
-
-
 def call(name, args, default):
     """Records the call and gives the scripted answer (or `default`)."""
-    _record(name, args)
+    _write_record("%s(%s)\n" % (name, ", ".join(repr(a) for a in args)))
     answers = _script().get(name)
     if not answers:
         return default(*args)
