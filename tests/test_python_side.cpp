@@ -58,14 +58,6 @@ PyObject *Eval(const char *expression)
     return result;
 }
 
-void DiscardPendingError()
-{
-    PyObject *type = nullptr;
-    PyObject *value = nullptr;
-    PyObject *traceback = nullptr;
-    Api().PyErr_Fetch(&type, &value, &traceback);
-}
-
 // True when another thread can take the interpreter lock within a few seconds.
 bool LockIsFree()
 {
@@ -102,12 +94,7 @@ TEST_F(PythonSide, FirstUserStartsSecondIsCountedLastStopsAndTheCycleRepeats)
         ASSERT_TRUE(Manager().PyObjectInit());
         EXPECT_EQ(ManagerEvents(), startUp);
         EXPECT_EQ(Users(), 1U);
-        EXPECT_FALSE(Manager().PyAlreadyInited());
-        EXPECT_NE(Manager().SavedThreadState(), nullptr);
         EXPECT_NE(Manager().GetOvraKbInterface().get(), nullptr);
-        EXPECT_NE(PyWrapper::g_pyFormatExceptionFunc, nullptr);
-        EXPECT_NE(PyWrapper::g_pyPrintExceptionFunc, nullptr);
-        EXPECT_NE(PyWrapper::g_pyUploadExceptionFunc, nullptr);
         EXPECT_EQ(Api().PyGILState_Check(), 0) << "the starting thread must not keep the lock";
         ASSERT_TRUE(LockIsFree()) << "another thread could not take the interpreter lock";
         const size_t queriesAfterStart = Queries();
@@ -167,19 +154,14 @@ TEST_F(PythonSide, FinalisingWithoutStartUpWrapsTheCount)
     EXPECT_EQ(Queries(), 0U);
 }
 
-// A host that started Python itself and either kept the lock on this thread or gave it back.
-class HostInterpreter : public PythonSide, public ::testing::WithParamInterface<bool> {};
-
-TEST_P(HostInterpreter, IsJoinedNeverLoadedAgainNorFinalised)
+// A native host that started Python itself and holds the lock on the calling thread (a Python host,
+// whose extension gives the lock back around its calls, is tests/host).
+TEST_F(PythonSide, AHostsInterpreterIsJoinedNeverLoadedAgainNorFinalised)
 {
     const std::string path = PythonConfig(TestPython(), "LIBDIR") + "/" + PythonConfig(TestPython(), "LDLIBRARY");
     void *runtime = dlopen(path.c_str(), RTLD_NOW | RTLD_GLOBAL);
     ASSERT_NE(runtime, nullptr) << dlerror();
     reinterpret_cast<void (*)()>(dlsym(runtime, "Py_Initialize"))();
-    const bool hostKeepsLock = GetParam();
-    if (!hostKeepsLock) {
-        (void)reinterpret_cast<void *(*)()>(dlsym(runtime, "PyEval_SaveThread"))();
-    }
 
     ASSERT_TRUE(Manager().PyObjectInit());
     EXPECT_EQ(Queries(), 0U) << "no python3 query when the process already carries a runtime";
@@ -188,8 +170,6 @@ TEST_P(HostInterpreter, IsJoinedNeverLoadedAgainNorFinalised)
                        "Init functions of loading dynamic python lib end!"}));
     EXPECT_TRUE(Contains(ManagerEvents(), "OVRA_KB_Py has already been initialized."));
     EXPECT_FALSE(Contains(ManagerEvents(), "Start to run Py_IsInitialized now."));
-    EXPECT_TRUE(Manager().PyAlreadyInited());
-    EXPECT_EQ(Manager().SavedThreadState() != nullptr, hostKeepsLock);
     EXPECT_TRUE(LockIsFree());
 
     Manager().PyObjectDeinit();
@@ -197,11 +177,6 @@ TEST_P(HostInterpreter, IsJoinedNeverLoadedAgainNorFinalised)
         << "the host's interpreter must not be finalised";
     EXPECT_FALSE(Api().IsLoaded());
 }
-
-INSTANTIATE_TEST_SUITE_P(Host, HostInterpreter, ::testing::Values(true, false),
-                         [](const ::testing::TestParamInfo<bool> &info) {
-                             return info.param ? "thread_holds_lock" : "lock_released";
-                         });
 
 // The Python side is up, with the lock free, and the test holds it through a Gil.
 class Started : public ScriptedTest {
@@ -326,7 +301,7 @@ void ForEachRow(const std::vector<Conversion<T>> &rows, int level, Convert conve
         convert(object, out, row.result);
         EXPECT_EQ(out, row.after);
         EXPECT_EQ(LogCapture::Messages(level), row.lines);
-        DiscardPendingError();
+        (void)PyWrapper::FetchNormalizedException();  // the error a failed conversion leaves pending
     }
 }
 
@@ -385,20 +360,6 @@ TEST_F(Started, ListsAndDictionariesConvertAllOrNothingItemByItemOrRowByRow)
 
 // ---- Error text ----
 
-TEST(ErrorText, StringSplitKeepsInnerEmptyPiecesButNoTrailingOne)
-{
-    const std::vector<std::pair<std::string, Strings>> cases = {
-        {"a,,b", {"a", "", "b"}}, {",a", {"", "a"}}, {"a,b,", {"a", "b"}}, {"", {}}, {"abc", {"abc"}}, {",", {""}}};
-    for (const auto &c : cases) {
-        Strings out = {"earlier"};
-        EXPECT_EQ(PyWrapper::StringSplit(c.first, ",", out), c.second.size() + 1) << c.first;
-        EXPECT_EQ(Strings(out.begin() + 1, out.end()), c.second) << c.first;
-    }
-    Strings multi;
-    EXPECT_EQ(PyWrapper::StringSplit("a::b:c", "::", multi), 2U);
-    EXPECT_EQ(multi, (Strings{"a", "b:c"}));
-}
-
 // The code and details an error text gives: the first brace pair of a RuntimeError's text, read as
 // 'key': 'value' pairs, trimmed, without quotes; its errCode, else "EC0010" with the text as "result".
 TEST(ErrorText, DealWithErrorFindsTheCodeOrFallsBack)
@@ -453,7 +414,6 @@ TEST_F(Started, ExceptionsAreLoggedLineByLineAndTheLastLineIsReturned)
     EXPECT_EQ(PyWrapper::GetPyException(), "");
     PyWrapper::g_pyFormatExceptionFunc = saved;
     EXPECT_TRUE(LogCapture::Messages(OVRA_LEVEL_ERROR).empty()) << "without a format function nothing is logged";
-    DiscardPendingError();
 }
 
 TEST_F(Started, AFailedImportMakesExactlyOneFallbackReport)
@@ -463,7 +423,7 @@ TEST_F(Started, AFailedImportMakesExactlyOneFallbackReport)
     EXPECT_TRUE(ErrorReports().empty());
     EXPECT_EQ(PyWrapper::ImportModule("no_such_module_for_ovra").get(), nullptr);
     const std::string text = "ModuleNotFoundError: No module named 'no_such_module_for_ovra'";
-    EXPECT_EQ(ErrorReports(), (std::vector<std::pair<std::string, StrMap>>{{"EC0010", {{"result", text + "."}}}}));
+    EXPECT_EQ(ErrorReports(), (Reports{{"EC0010", {{"result", text + "."}}}}));
     EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_ERROR, "pywrapper").back(), text + "\n");
 }
 
@@ -471,18 +431,15 @@ TEST_F(Started, AnOperationsFailureReportsTheLogModulesDictionary)
 {
     Gil gil;
     ASSERT_EQ(Eval("(_ for _ in ()).throw(RuntimeError({'errCode': 'E7', 'op': 'Add'}))"), nullptr);
-    PyObject *type = nullptr;
-    PyObject *value = nullptr;
-    PyObject *traceback = nullptr;
-    Api().PyErr_Fetch(&type, &value, &traceback);
-    Api().PyErr_NormalizeException(&type, &value, &traceback);
-    OvraKb::PyErrMessageReport(PyObjectPtr(nullptr, type, value, traceback));
-    EXPECT_EQ(ErrorReports(), (std::vector<std::pair<std::string, StrMap>>{{"E7", {{"errCode", "E7"}, {"op", "Add"}}}}))
+    const PyWrapper::PyExceptionTriple e = PyWrapper::FetchNormalizedException();
+    const PyObjectPtr failed(nullptr, e.type, e.value, e.traceback);
+    OvraKb::PyErrMessageReport(failed);
+    EXPECT_EQ(ErrorReports(), (Reports{{"E7", {{"errCode", "E7"}, {"op", "Add"}}}}))
         << "the code stays among the details";
 
     ClearErrorReports();
     scripted_.SetScript(Script("get_py_exception_dict", "{'no': 'code'}"));
-    OvraKb::PyErrMessageReport(PyObjectPtr(nullptr, type, value, traceback));
+    OvraKb::PyErrMessageReport(failed);
     EXPECT_TRUE(ErrorReports().empty());
     EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_WARNING), Strings{"Failed to upload errcode message."});
 }

@@ -54,28 +54,22 @@ std::string InvalidPathLine(const std::string &path)
            "configured the path of the python\" \"library.";
 }
 
-// A python3 first on the path that answers the two queries with fixed output and records its arguments.
-class FakePython {
-  public:
-    FakePython(const TempDir &dir, const std::string &name, const std::string &libdir, const std::string &err = "")
-        : args_(dir.File("fake-args"))
-    {
-        WriteFile(dir.File("name.out"), name);
-        WriteFile(dir.File("dir.out"), libdir);
-        WriteFile(dir.File("err.out"), err);
-        mkdir(dir.File("fake-bin").c_str(), 0755);
-        WriteFile(dir.File("fake-bin/python3"),
-                  "#!/bin/sh\nprintf '%s\\n' \"$1\" \"$2\" >> '" + args_ + "'\ncat '" + dir.File("err.out") +
-                      "' >&2\ncase \"$2\" in\n  *LDLIBRARY*) cat '" + dir.File("name.out") + "' ;;\n  *LIBDIR*) cat '" +
-                      dir.File("dir.out") + "' ;;\nesac\n",
-                  true);
-        PrependToPath(dir.File("fake-bin"));
-    }
-    Strings Arguments() const { return ReadLines(args_); }
-
-  private:
-    std::string args_;
-};
+// Puts a python3 first on the path that answers the two queries with fixed output and records its
+// arguments in the file "fake-args".
+void PutFakePythonFirstOnPath(const TempDir &dir, const std::string &name, const std::string &libdir,
+                              const std::string &err = "")
+{
+    WriteFile(dir.File("name.out"), name);
+    WriteFile(dir.File("dir.out"), libdir);
+    WriteFile(dir.File("err.out"), err);
+    mkdir(dir.File("fake-bin").c_str(), 0755);
+    WriteFile(dir.File("fake-bin/python3"),
+              "#!/bin/sh\nprintf '%s\\n' \"$1\" \"$2\" >> '" + dir.File("fake-args") + "'\ncat '" +
+                  dir.File("err.out") + "' >&2\ncase \"$2\" in\n  *LDLIBRARY*) cat '" + dir.File("name.out") +
+                  "' ;;\n  *LIBDIR*) cat '" + dir.File("dir.out") + "' ;;\nesac\n",
+              true);
+    PrependToPath(dir.File("fake-bin"));
+}
 
 struct DiscoveryCase {
     std::string nameOutput;
@@ -123,7 +117,7 @@ TEST(Discovery, AnswersOfBothQueriesAndTheLinesOfAFailedLoad)
     for (const DiscoveryCase &c : cases) {
         SCOPED_TRACE(c.nameOutput.substr(0, 40));
         TempDir dir;
-        FakePython fake(dir, c.nameOutput, c.dirOutput, c.stderrOutput);
+        PutFakePythonFirstOnPath(dir, c.nameOutput, c.dirOutput, c.stderrOutput);
         LogCapture::Clear();
         EXPECT_EQ(OvraKb::GetPythonLibName(), c.name);
         // The raw line, line end included, cut to the 1023 characters that one read takes.
@@ -134,7 +128,7 @@ TEST(Discovery, AnswersOfBothQueriesAndTheLinesOfAFailedLoad)
         EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_DEBUG, "handle_manager"), raw);
         EXPECT_EQ(OvraKb::GetPythonConfigByCmd(DIR_QUERY), c.dir);
         // The shell hands python3 exactly the two programs.
-        EXPECT_EQ(fake.Arguments(), (Strings{"-c", NAME_PROGRAM, "-c", DIR_PROGRAM}));
+        EXPECT_EQ(ReadLines(dir.File("fake-args")), (Strings{"-c", NAME_PROGRAM, "-c", DIR_PROGRAM}));
 
         LogCapture::Clear();
         EXPECT_FALSE(Api().LaunchDynamicLib());
@@ -190,7 +184,7 @@ TEST(IncompleteRuntime, FailsAtTheMissingRowAndLooksUpNothingAfterIt)
     for (const auto &symbol : missing) {
         SCOPED_TRACE(symbol.first);
         TempDir dir;
-        FakePython fake(dir, "libstub_python_without_" + symbol.first + ".so\n", FixturesBinaryDir() + "\n");
+        PutFakePythonFirstOnPath(dir, "libstub_python_without_" + symbol.first + ".so\n", FixturesBinaryDir() + "\n");
         ASSERT_TRUE(Api().LaunchDynamicLib());
         void *const marker = reinterpret_cast<void *>(0x5a5a);  // later rows must keep it: they are not looked up
         size_t index = 0;

@@ -120,26 +120,6 @@ TEST_F(Threads, ShortLivedThreadsEachGetTheirOwnRowsAndStatusesAndLeaveNoStateBe
     EXPECT_EQ(OvraKbFinalize(), 0U);
 }
 
-TEST_F(Threads, SearchesWaitingOnSeveralThreadsLeaveTheLockToEachOther)
-{
-    ASSERT_EQ(OvraKbInit(SYS, LOAD), 0U);
-    // Each search finishes 50 ms after its first poll: one after another, eight would take 400 ms.
-    scripted_.SetScript(Script("ovra_kb_search_get", "finish_after_ms(args[0], 50, (True, [{'k': args[0]}]))"));
-    constexpr int SEARCHERS = 8;
-    std::vector<Rows> results(SEARCHERS);
-    auto start = std::chrono::steady_clock::now();
-    OnThreadsAtOnce(SEARCHERS, [&](int i) { EXPECT_EQ(OvraKbSearch("kw", OP, results[i]), 0U); });
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(390))
-        << "the waits of the searches must overlap";
-    std::set<std::string> handles;
-    for (const Rows &rows : results) {
-        ASSERT_EQ(rows.size(), 1U);
-        handles.insert(rows[0].at("k"));
-    }
-    EXPECT_EQ(handles.size(), static_cast<size_t>(SEARCHERS)) << "each search gets its own task's rows";
-    EXPECT_EQ(OvraKbFinalize(), 0U);
-}
-
 // ---- Native threads keep one Python thread state for all their calls ----
 
 // A native thread that runs the jobs it is given, one at a time, until it is stopped.

@@ -207,9 +207,9 @@ std::string Script(const std::string &function, const std::string &answer)
     return "{\"" + function + "\": [\"" + escaped + "\"]}";
 }
 
-std::vector<std::pair<std::string, StrMap>> ErrorReports()
+Reports ErrorReports()
 {
-    std::vector<std::pair<std::string, StrMap>> out;
+    Reports out;
     for (const ErrorManager::Report &report : ErrorManager::GetInstance().GetReports()) {
         out.emplace_back(report.errCode, report.args);
     }

@@ -94,7 +94,8 @@ class Scripted {
 std::string Script(const std::string &function, const std::string &answer);
 
 // Error reports the platform library kept, as (code, details).
-std::vector<std::pair<std::string, StrMap>> ErrorReports();
+using Reports = std::vector<std::pair<std::string, StrMap>>;
+Reports ErrorReports();
 void ClearErrorReports();
 
 // A test against the scripted packages, with the test interpreter first on the search path.
