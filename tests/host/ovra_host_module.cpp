@@ -1,5 +1,5 @@
-// A CPython extension module over the five exported functions, for tests in which Python is the host
-// process. Every call gives the interpreter lock back while the library works, as a well-behaved
+// A CPython extension module over the exported functions (all but delete, whose path is write's), for tests in which
+// Python is the host process. Every call gives the interpreter lock back while the library works, as a well-behaved
 // extension must: the library takes the lock itself when it needs it.
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "ovra_kb/ovra_kb_api.h"
-#include "ovra_platform/platform.h"
 
 namespace {
 
@@ -84,18 +83,6 @@ PyObject *Write(PyObject *, PyObject *args)
     return PyLong_FromUnsignedLong(Released([&] { return OvraKbWrite(key, text, config, flag != 0); }));
 }
 
-PyObject *Delete(PyObject *, PyObject *args)
-{
-    const char *keyword = nullptr;
-    OvraKb::StrMap config;
-    int flag = 0;
-    if (!PyArg_ParseTuple(args, "sO&p", &keyword, ToStrMap, &config, &flag)) {
-        return nullptr;
-    }
-    const std::string key = keyword;
-    return PyLong_FromUnsignedLong(Released([&] { return OvraKbDelete(key, config, flag != 0); }));
-}
-
 // search(keyword, config) -> (status, [row, ...])
 PyObject *Search(PyObject *, PyObject *args)
 {
@@ -116,25 +103,11 @@ PyObject *Search(PyObject *, PyObject *args)
     return Py_BuildValue("(kN)", static_cast<unsigned long>(status), list);
 }
 
-// reports() -> [(code, details), ...] kept by the platform library
-PyObject *Reports(PyObject *, PyObject *)
-{
-    PyObject *list = PyList_New(0);
-    for (const ErrorManager::Report &report : ErrorManager::GetInstance().GetReports()) {
-        PyObject *item = Py_BuildValue("(sN)", report.errCode.c_str(), FromStrMap(report.args));
-        PyList_Append(list, item);
-        Py_DECREF(item);
-    }
-    return list;
-}
-
 PyMethodDef g_methods[] = {
     {"init", Init, METH_VARARGS, "init(sys_config, load_config) -> status"},
     {"finalize", Finalize, METH_NOARGS, "finalize() -> status"},
     {"write", Write, METH_VARARGS, "write(keyword, knowledge, config, flag) -> status"},
-    {"delete", Delete, METH_VARARGS, "delete(keyword, config, flag) -> status"},
     {"search", Search, METH_VARARGS, "search(keyword, config) -> (status, rows)"},
-    {"reports", Reports, METH_NOARGS, "reports() -> [(code, details)]"},
     {nullptr, nullptr, 0, nullptr},
 };
 
