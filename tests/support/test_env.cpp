@@ -15,6 +15,13 @@
 namespace OvraTest {
 namespace {
 
+std::string RunTestPython(const std::string &program)
+{
+    return FirstLineOf("'" + TestPython() + "' -c '" + program + "'");
+}
+
+}  // namespace
+
 std::string FirstLineOf(const std::string &command)
 {
     FILE *pipe = popen(command.c_str(), "r");
@@ -29,13 +36,6 @@ std::string FirstLineOf(const std::string &command)
     }
     return text;
 }
-
-std::string RunTestPython(const std::string &program)
-{
-    return FirstLineOf("'" + TestPython() + "' -c '" + program + "'");
-}
-
-}  // namespace
 
 std::string TestPython()
 {

@@ -24,6 +24,8 @@ std::string TestPython();
 // Version of the test interpreter as major * 100 + minor (311 for 3.11), and its full version text.
 int TestPythonVersion();
 std::string TestPythonVersionText();
+// First line printed by a shell command, without its line end.
+std::string FirstLineOf(const std::string &command);
 // A sysconfig variable of `python` ("LIBDIR", "LDLIBRARY").
 std::string PythonConfig(const std::string &python, const std::string &variable);
 // Directory of the build's test fixtures (stub libraries).
