@@ -140,8 +140,7 @@ TEST_F(PythonSide, FinalisingWithoutStartUpWrapsTheCount)
 // whose extension gives the lock back around its calls, is tests/host).
 TEST_F(PythonSide, AHostsInterpreterIsJoinedNeverLoadedAgainNorFinalised)
 {
-    const std::string path = PythonConfig(TestPython(), "LIBDIR") + "/" + PythonConfig(TestPython(), "LDLIBRARY");
-    void *runtime = dlopen(path.c_str(), RTLD_NOW | RTLD_GLOBAL);
+    void *runtime = OpenRuntimeGlobally();
     ASSERT_NE(runtime, nullptr) << dlerror();
     reinterpret_cast<void (*)()>(dlsym(runtime, "Py_Initialize"))();
 

@@ -1,5 +1,6 @@
 #include "test_env.h"
 
+#include <dlfcn.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -57,6 +58,12 @@ std::string TestPythonVersionText()
 std::string PythonConfig(const std::string &python, const std::string &variable)
 {
     return FirstLineOf("'" + python + "' -c 'import sysconfig; print(sysconfig.get_config_var(\"" + variable + "\"))'");
+}
+
+void *OpenRuntimeGlobally()
+{
+    const std::string path = PythonConfig(TestPython(), "LIBDIR") + "/" + PythonConfig(TestPython(), "LDLIBRARY");
+    return dlopen(path.c_str(), RTLD_NOW | RTLD_GLOBAL);
 }
 
 std::string FixturesBinaryDir()
@@ -138,14 +145,6 @@ void UseReferencePackage()
 {
     std::string value = std::string(OVRA_TEST_SOURCE_DIR) + "/../python";
     setenv("PYTHONPATH", value.c_str(), 1);
-}
-
-long ResidentBytes()
-{
-    long pages = 0;
-    long resident = 0;
-    std::ifstream("/proc/self/statm") >> pages >> resident;
-    return resident * sysconf(_SC_PAGESIZE);
 }
 
 Scripted::Scripted(const TempDir &dir) : script_(dir.File("script.json")), record_(dir.File("record.txt"))

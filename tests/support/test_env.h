@@ -28,6 +28,8 @@ std::string TestPythonVersionText();
 std::string FirstLineOf(const std::string &command);
 // A sysconfig variable of `python` ("LIBDIR", "LDLIBRARY").
 std::string PythonConfig(const std::string &python, const std::string &variable);
+// Opens the test interpreter's runtime library into the global scope, as a host that embeds Python does.
+void *OpenRuntimeGlobally();
 // Directory of the build's test fixtures (stub libraries).
 std::string FixturesBinaryDir();
 
@@ -55,24 +57,6 @@ size_t PythonRuns(const TempDir &dir);
 void UsePackages(std::initializer_list<std::string> packages);
 // PYTHONPATH holding the reference knowledge-base package (python/).
 void UseReferencePackage();
-// The resident set of this process, in bytes.
-long ResidentBytes();
-// Whether AddressSanitizer watches this build: its quarantine keeps freed memory resident for a while.
-constexpr bool UnderAddressSanitizer()
-{
-#if defined(__SANITIZE_ADDRESS__)
-    return true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-    return true;
-#else
-    return false;
-#endif
-#else
-    return false;
-#endif
-}
-
 // The scripted test packages: what the module answers (a JSON script) and what it received.
 class Scripted {
   public:
