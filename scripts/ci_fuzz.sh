@@ -12,7 +12,7 @@ root="$(cd "$(dirname "$0")/.." && pwd)"
 build="${OVRA_KB_FUZZ_BUILD_DIR:-$root/build-fuzz}"
 seconds="${OVRA_KB_FUZZ_SECONDS:-60}"
 jobs="$(nproc)"
-targets=(fuzz_string_split fuzz_trim fuzz_parse_str_map fuzz_deal_with_error)
+targets=(fuzz_error_text)
 
 say() { echo "ci_fuzz: $*"; }
 

@@ -9,17 +9,17 @@
 #   OVRA_KB_SANITIZER_PYTHON the interpreter (default: pyenv's 3.11, else the python3 on PATH)
 #
 # Python itself is not instrumented; the library loads it with dlopen as usual. The options and
-# suppression files (tests/sanitizers) go through the environment, which every test and every
+# suppression files (scripts/sanitizers) go through the environment, which every test and every
 # process it starts inherits; they are also built into the programs of these builds
-# (tests/sanitizers/sanitizer_build.cmake) for the processes that a test starts with an environment
+# (scripts/sanitizers/sanitizer_build.cmake) for the processes that a test starts with an environment
 # of its own. The host tests, where Python is the process, run through a sanitized interpreter
-# (tests/sanitizers/run_host_tests.py).
+# (scripts/sanitizers/run_host_tests.py).
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 asan_build="${OVRA_KB_ASAN_BUILD_DIR:-$root/build-asan}"
 tsan_build="${OVRA_KB_TSAN_BUILD_DIR:-$root/build-tsan}"
 jobs="$(nproc)"
-sanitizers="$root/tests/sanitizers"
+sanitizers="$root/scripts/sanitizers"
 # Tests whose interpreter loads the instrumented library into its own process.
 host_tests='\.HostInterpreter$'
 

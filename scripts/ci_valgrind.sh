@@ -3,7 +3,7 @@
 # start-up, write, search, delete, finalisation, refused configurations and failing Python calls),
 # each case in a process of its own, as many at a time as there are cores, against the main build's
 # default interpreter. Python allocates through malloc (PYTHONMALLOC=malloc), so Memcheck sees every
-# object; tests/sanitizers/valgrind.supp covers the Python runtime's own code only. An invalid
+# object; scripts/sanitizers/valgrind.supp covers the Python runtime's own code only. An invalid
 # access, a use of an uninitialised value or a definite leak fails the case, and so does the test.
 #
 #   usage: ci_valgrind.sh [BUILD_DIR]   (default: OVRA_KB_BUILD_DIR, else build; made by scripts/test.sh)
@@ -30,7 +30,7 @@ export program logs root
 memcheck_one() {
   local name="$1" log="$logs/${1//\//_}" started=$SECONDS status=0
   valgrind --tool=memcheck --error-exitcode=97 --leak-check=full --errors-for-leak-kinds=definite \
-    --show-leak-kinds=definite --suppressions="$root/tests/sanitizers/valgrind.supp" --num-callers=40 \
+    --show-leak-kinds=definite --suppressions="$root/scripts/sanitizers/valgrind.supp" --num-callers=40 \
     --child-silent-after-fork=yes --log-file="$log.memcheck" \
     "$program" --gtest_filter="$name" > "$log.out" 2>&1 || status=$?
   if [ "$status" -eq 0 ] && grep -q "^\[  PASSED  \] 1 test" "$log.out"; then

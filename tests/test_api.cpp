@@ -1,13 +1,7 @@
-// The five exported functions, end to end, against the scripted test packages.
+// The five exported functions, end to end against the scripted test packages.
 #include <gtest/gtest.h>
 
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <atomic>
-#include <csignal>
 #include <functional>
 #include <thread>
 
@@ -19,6 +13,10 @@ using namespace OvraTest;
 
 namespace {
 
+const std::string RAISE = "fail(RuntimeError({'errCode': 'E_MOD', 'why': 'disk full'}))";
+const std::string SEARCH_REQUEST_FAILED = "Failed to call OvraKbSearchReq.";
+const std::string TEAR_DOWN = "OvraKbPyfuncMgr: PyObjectDeinit function end successfully!";
+
 // Runs `work` on a thread of its own: a new thread has a fresh Python thread state, so an
 // error that one call leaves pending does not reach the next case.
 std::uint32_t OnNewThread(const std::function<std::uint32_t()> &work)
@@ -28,44 +26,25 @@ std::uint32_t OnNewThread(const std::function<std::uint32_t()> &work)
     return status;
 }
 
-// The failure lines of the operation and of the exported layer (traceback lines excluded).
-Strings FailureLines()
+// The library's error lines, traceback lines excluded.
+Strings ErrorLines()
 {
     Strings out;
-    for (const OvraTest::LogLine &line : LogCapture::Lines()) {
-        if (line.level == OVRA_LEVEL_ERROR && (line.file == "py_interface" || line.file == "ovra_kb_api")) {
+    for (const LogLine &line : LogCapture::Lines()) {
+        if (line.level == OVRA_LEVEL_ERROR && line.file != "pywrapper") {
             out.push_back(line.message);
         }
     }
     return out;
 }
 
-Strings TracebackLines()
+long TearDowns()
 {
-    return LogCapture::Messages(OVRA_LEVEL_ERROR, "pywrapper");
+    Strings events = LogCapture::Messages(OVRA_LEVEL_EVENT, "ovra_kb_pyfunc_mgr");
+    return std::count(events.begin(), events.end(), TEAR_DOWN);
 }
 
-class Api : public ::testing::Test {
-  protected:
-    void SetUp() override
-    {
-        OvraTest::PutPythonFirstOnPath(dir_, OvraTest::TestPython());
-        OvraTest::UsePackages({"kb", "log"});
-        OvraTest::ClearErrorReports();
-    }
-    void Up() { ASSERT_EQ(OvraKbInit(SYS, LOAD), 0U); }
-    void ResetObservations()
-    {
-        scripted_.ClearRecord();
-        LogCapture::Clear();
-        OvraTest::ClearErrorReports();
-    }
-
-    TempDir dir_;
-    OvraTest::Scripted scripted_{dir_};
-};
-
-// ---- Arguments reach Python exactly ----
+using Api = ScriptedTest;
 
 TEST_F(Api, ArgumentsReachTheModuleExactly)
 {
@@ -99,42 +78,35 @@ TEST_F(Api, ArgumentsReachTheModuleExactly)
     EXPECT_EQ(scripted_.CallsOf("ovra_kb_finalize"), Strings{"ovra_kb_finalize()"});
 }
 
-TEST_F(Api, WrittenRecordsComeBackFromSearchAfterRowsAlreadyThere)
-{
-    Up();
-    ASSERT_EQ(OvraKbWrite("relu", "use vector unit", OP, true), 0U);
-    Rows rows = {{{"earlier", "row"}}};
-    ASSERT_EQ(OvraKbSearch("relu", OP, rows), 0U);
-    EXPECT_EQ(rows, (Rows{{{"earlier", "row"}},
-                          {{"keyword", "relu"}, {"knowledge", "use vector unit"}, {"op_type", "Add"}}}));
-    ASSERT_EQ(OvraKbDelete("relu", OP, true), 0U);
-    Rows none;
-    ASSERT_EQ(OvraKbSearch("relu", OP, none), 0U);
-    EXPECT_TRUE(none.empty());
-}
-
 // ---- Statuses, log lines and reports ----
 
 enum class Op { INIT, FINALIZE, WRITE, DELETE, SEARCH };
 
+struct Operation {
+    std::string function;                                             // the module function it calls first
+    std::string name;                                                 // of the exported function
+    std::string Failed() const { return "Run " + name + " Error!"; }  // the exported layer's line
+};
+
+const Operation &Of(Op op)
+{
+    static const Operation operations[] = {{"ovra_kb_init", "OvraKbInit"},
+                                           {"ovra_kb_finalize", "OvraKbFinalize"},
+                                           {"ovra_kb_write", "OvraKbWrite"},
+                                           {"ovra_kb_delete", "OvraKbDelete"},
+                                           {"ovra_kb_search_async", "OvraKbSearch"}};
+    return operations[static_cast<int>(op)];
+}
+
 struct StatusCase {
-    std::string label;
-    std::string script;  // JSON script of the module
     Op op;
+    std::string script;  // empty: the module answers as usual
     std::uint32_t status;
-    Strings lines;       // failure lines of the operation and the exported layer, in order
-    Strings codes;       // error reports, by code
-    bool reachesModule;  // whether the operation's module function is called at all
+    Strings lines;  // the operation's own failure lines; the exported layer adds its line to a non-zero status
     StrMap sys = SYS;
     StrMap load = LOAD;
     StrMap config = OP;
 };
-
-// A case prints as its label: Google Test's default byte dump would read the padding of the struct.
-void PrintTo(const StatusCase &c, std::ostream *os)
-{
-    *os << c.label;
-}
 
 std::uint32_t RunCase(const StatusCase &c)
 {
@@ -154,443 +126,147 @@ std::uint32_t RunCase(const StatusCase &c)
     return 99;
 }
 
-const char *ModuleFunction(Op op)
-{
-    switch (op) {
-        case Op::INIT:
-            return "ovra_kb_init";
-        case Op::FINALIZE:
-            return "ovra_kb_finalize";
-        case Op::WRITE:
-            return "ovra_kb_write";
-        case Op::DELETE:
-            return "ovra_kb_delete";
-        case Op::SEARCH:
-            return "ovra_kb_search_async";
-    }
-    return "";
-}
-
-std::string Script(const std::string &function, const std::string &answer)
-{
-    std::string escaped;
-    for (char c : answer) {
-        if (c == '"' || c == '\\') {
-            escaped += '\\';
-        }
-        escaped += c;
-    }
-    return "{\"" + function + "\": [\"" + escaped + "\"]}";
-}
+// Answers of one module function that the operation accepts (status 0) or refuses (status 6, its lines
+// by default "Failed to call <function>.").
+struct Answers {
+    Op op;
+    std::string function;
+    Strings accepted;
+    Strings refused;
+    Strings lines = {};
+};
 
 std::vector<StatusCase> StatusCases()
 {
-    const std::string raise = "fail(RuntimeError({'errCode': 'E_MOD', 'why': 'disk full'}))";
-    const Strings initFailed = {"Failed to call ovra_kb_init.", "Run OvraKbInit Error!"};
-    const Strings searchReqInvalid = {"Failed to call ovra_kb_search_async, pyRes.get() is invalid.",
-                                      "Failed to call OvraKbSearchReq.", "Run OvraKbSearch Error!"};
-    std::vector<StatusCase> cases;
-    auto add = [&cases](StatusCase c) { cases.push_back(std::move(c)); };
-
-    StatusCase missingCore{"init_missing_core_num",
-                           "{}",
-                           Op::INIT,
-                           2,
-                           {"CheckSysConfigMap: Check sysConfigMap Failed!", "Run OvraKbInit Error!"},
-                           {},
-                           false};
-    missingCore.sys = {{"soc_version", "x"}};
-    add(missingCore);
-    StatusCase missingSoc = missingCore;
-    missingSoc.label = "init_missing_soc_version";
-    missingSoc.sys = {{"core_num", "8"}};
-    add(missingSoc);
-    StatusCase missingBank{"init_missing_bank",
-                           "{}",
-                           Op::INIT,
-                           2,
-                           {"CheckLoadConfigMap: Check loadConfigMap Failed!", "Run OvraKbInit Error!"},
-                           {},
-                           false};
-    missingBank.load = {{"bank", "/x"}};
-    add(missingBank);
-    StatusCase badSoc{"init_invalid_utf8_soc",
-                      "{}",
-                      Op::INIT,
-                      4,
-                      {"GetSysConfigParams: Py_BuildValue returns nullptr!", "Run OvraKbInit Error!"},
-                      {},
-                      false};
-    badSoc.sys = {{"soc_version", "\xff"}, {"core_num", "8"}};
-    add(badSoc);
-    StatusCase badBank{"init_invalid_utf8_bank",
-                       "{}",
-                       Op::INIT,
-                       4,
-                       {"GetLoadConfigParams: Py_BuildValue returns nullptr!", "Run OvraKbInit Error!"},
-                       {},
-                       false};
-    badBank.load = {{"op_bank_path", "/tmp/\xc3"}};
-    add(badBank);
-    for (const auto &answer : std::vector<std::pair<std::string, std::string>>{{"zero", "0"}, {"false", "False"}}) {
-        add({"init_answers_" + answer.first, Script("ovra_kb_init", answer.second), Op::INIT, 0, {}, {}, true});
-    }
-    for (const auto &answer : std::vector<std::pair<std::string, std::string>>{{"one", "1"},
-                                                                               {"true", "True"},
-                                                                               {"minus_one", "-1"},
-                                                                               {"none", "None"},
-                                                                               {"text", "'0'"},
-                                                                               {"huge", "2**40"}}) {
-        add({"init_answers_" + answer.first, Script("ovra_kb_init", answer.second), Op::INIT, 6, initFailed, {}, true});
-    }
-    add({"init_raises", Script("ovra_kb_init", raise), Op::INIT, 6, initFailed, {"E_MOD"}, true});
-
-    for (const auto &answer :
-         std::vector<std::pair<std::string, std::string>>{{"none", "None"}, {"false", "False"}, {"one", "1"}}) {
-        add({"finalize_answers_" + answer.first,
-             Script("ovra_kb_finalize", answer.second),
-             Op::FINALIZE,
-             0,
-             {},
-             {},
-             true});
-    }
-    add({"finalize_raises",
-         Script("ovra_kb_finalize", raise),
-         Op::FINALIZE,
-         6,
-         {"Failed to call ovra_kb_finalize.", "Run OvraKbFinalize Error!"},
-         {"E_MOD"},
-         true});
-
-    for (Op op : {Op::WRITE, Op::DELETE}) {
-        const std::string name = op == Op::WRITE ? "write" : "delete";
-        const std::string exported = op == Op::WRITE ? "Run OvraKbWrite Error!" : "Run OvraKbDelete Error!";
-        const Strings failed = {"Failed to call ovra_kb_" + name + ".", exported};
-        StatusCase missing{name + "_missing_op_type",
-                           "{}",
-                           op,
-                           2,
-                           {"CheckSearchConfigMap: Check searchConfigMap Failed!", exported},
-                           {},
-                           false};
-        missing.config = {{"search_type", "exact"}};
-        add(missing);
-        StatusCase bad{name + "_invalid_utf8_op_type",
-                       "{}",
-                       op,
-                       4,
-                       {"GetParamsFromWriteConfig: Py_BuildValue returns nullptr!", exported},
-                       {},
-                       false};
-        bad.config = {{"op_type", "\xfe\xfe"}};
-        add(bad);
-        for (const auto &answer : std::vector<std::pair<std::string, std::string>>{
-                 {"one", "1"}, {"minus_one", "-1"}, {"none", "None"}, {"text_zero", "'0'"}}) {
-            add({name + "_answers_" + answer.first, Script("ovra_kb_" + name, answer.second), op, 6, failed, {}, true});
-        }
-        add({name + "_answers_false", Script("ovra_kb_" + name, "False"), op, 0, {}, {}, true});
-        add({name + "_raises", Script("ovra_kb_" + name, raise), op, 6, failed, {"E_MOD"}, true});
-    }
-
-    StatusCase searchMissing{"search_missing_op_type",
-                             "{}",
-                             Op::SEARCH,
-                             2,
-                             {"CheckSearchConfigMap: Check searchConfigMap Failed!", "Failed to call OvraKbSearchReq.",
-                              "Run OvraKbSearch Error!"},
-                             {},
-                             false};
-    searchMissing.config = {{"search_type", "exact"}};
-    add(searchMissing);
-    StatusCase searchBad{"search_invalid_utf8_search_type",
-                         "{}",
-                         Op::SEARCH,
-                         4,
-                         {"GetParamsFromSearchConfig: Py_BuildValue returns nullptr!",
-                          "Failed to call OvraKbSearchReq.", "Run OvraKbSearch Error!"},
-                         {},
-                         false};
-    searchBad.config = {{"op_type", "Add"}, {"search_type", "\x80"}};
-    add(searchBad);
-    // A refused answer is dropped after the lock is given back, so the module must keep every
+    const std::string noKey = "CheckSearchConfigMap: Check searchConfigMap Failed!";
+    const std::string badSys = "GetSysConfigParams: Py_BuildValue returns nullptr!";
+    const std::string badLoad = "GetLoadConfigParams: Py_BuildValue returns nullptr!";
+    const std::string badWrite = "GetParamsFromWriteConfig: Py_BuildValue returns nullptr!";
+    const std::string badSearch = "GetParamsFromSearchConfig: Py_BuildValue returns nullptr!";
+    const std::string noResult = "Failed to call ovra_kb_search_async, pyRes is nullptr.";
+    const std::string badResult = "Failed to call ovra_kb_search_async, pyRes.get() is invalid.";
+    const StrMap noOpType = {{"search_type", "exact"}};
+    const StrMap badOpType = {{"op_type", "\xfe\xfe"}};
+    const StrMap badSearchType = {{"op_type", "Add"}, {"search_type", "\x80"}};
+    const std::string async = "ovra_kb_search_async";
+    const std::string get = "ovra_kb_search_get";
+    std::vector<StatusCase> cases = {
+        {Op::INIT, "", 2, {"CheckSysConfigMap: Check sysConfigMap Failed!"}, {{"soc_version", "x"}}},
+        {Op::INIT, "", 2, {"CheckSysConfigMap: Check sysConfigMap Failed!"}, {{"core_num", "8"}}},
+        {Op::INIT, "", 2, {"CheckLoadConfigMap: Check loadConfigMap Failed!"}, SYS, {{"bank", "/x"}}},
+        {Op::INIT, "", 4, {badSys}, {{"soc_version", "\xff"}, {"core_num", "8"}}},
+        {Op::INIT, "", 4, {badLoad}, SYS, {{"op_bank_path", "/tmp/\xc3"}}},
+        {Op::WRITE, "", 2, {noKey}, SYS, LOAD, noOpType},
+        {Op::DELETE, "", 2, {noKey}, SYS, LOAD, noOpType},
+        {Op::SEARCH, "", 2, {noKey, SEARCH_REQUEST_FAILED}, SYS, LOAD, noOpType},
+        {Op::WRITE, "", 4, {badWrite}, SYS, LOAD, badOpType},
+        {Op::DELETE, "", 4, {badWrite}, SYS, LOAD, badOpType},
+        {Op::SEARCH, "", 4, {badSearch, SEARCH_REQUEST_FAILED}, SYS, LOAD, badSearchType},
+        {Op::SEARCH, Script(async, RAISE), 6, {noResult, SEARCH_REQUEST_FAILED}},
+        {Op::SEARCH, Script(get, RAISE), 6, {"Failed to call ovra_kb_search_get."}},
+        {Op::SEARCH, Script(get, "(BadBool(), [])"), 2, {"ovra_kb_search_get check res failed."}},
+    };
+    const Strings notZero = {"1", "True", "-1", "2**40", "None", "'0'", RAISE};
+    // A refused task handle is dropped after the lock is given back, so the module must keep every
     // answer alive itself: here a cached empty str, None, a small int and a bytes object it holds.
-    for (const auto &answer : std::vector<std::pair<std::string, std::string>>{
-             {"empty", "''"}, {"none", "None"}, {"number", "5"}, {"bytes", "state.setdefault('kept', b'task')"}}) {
-        add({"search_async_answers_" + answer.first,
-             Script("ovra_kb_search_async", answer.second),
-             Op::SEARCH,
-             6,
-             searchReqInvalid,
-             {},
-             true});
+    const Strings badHandles = {"''", "None", "5", "state.setdefault('kept', b'task')"};
+    const Strings noRows = {"(True, [])", "(True, 'not a list')", "(True, None)", "(1, [{'a': '1'}, {}, {'b': '2'}])"};
+    const std::vector<Answers> answers = {
+        {Op::INIT, "ovra_kb_init", {"0", "False"}, notZero},
+        {Op::FINALIZE, "ovra_kb_finalize", {"None", "False", "1"}, {RAISE}},
+        {Op::WRITE, "ovra_kb_write", {"False"}, notZero},
+        {Op::DELETE, "ovra_kb_delete", {"False"}, notZero},
+        {Op::SEARCH, async, {}, badHandles, {badResult, SEARCH_REQUEST_FAILED}},
+        {Op::SEARCH, get, noRows, {}},  // finished, but without rows to take: the search still succeeds
+    };
+    for (const Answers &a : answers) {
+        for (const std::string &answer : a.accepted) {
+            cases.push_back({a.op, Script(a.function, answer), 0, {}});
+        }
+        for (const std::string &answer : a.refused) {
+            Strings lines = a.lines.empty() ? Strings{"Failed to call " + a.function + "."} : a.lines;
+            cases.push_back({a.op, Script(a.function, answer), 6, lines});
+        }
     }
-    add({"search_async_raises",
-         Script("ovra_kb_search_async", raise),
-         Op::SEARCH,
-         6,
-         {"Failed to call ovra_kb_search_async, pyRes is nullptr.", "Failed to call OvraKbSearchReq.",
-          "Run OvraKbSearch Error!"},
-         {"E_MOD"},
-         true});
-    add({"search_get_raises",
-         Script("ovra_kb_search_get", raise),
-         Op::SEARCH,
-         6,
-         {"Failed to call ovra_kb_search_get.", "Run OvraKbSearch Error!"},
-         {"E_MOD"},
-         true});
-    add({"search_flag_truth_raises",
-         Script("ovra_kb_search_get", "(BadBool(), [])"),
-         Op::SEARCH,
-         2,
-         {"ovra_kb_search_get check res failed.", "Run OvraKbSearch Error!"},
-         {},
-         true});
     return cases;
 }
 
-class Statuses : public Api, public ::testing::WithParamInterface<StatusCase> {};
-
-TEST_P(Statuses, StatusLinesAndReports)
+TEST_F(Api, EveryCaseGivesItsStatusLinesAndReportsAndTheSameStatusWithLoggingOff)
 {
-    const StatusCase &c = GetParam();
-    Up();
-    ResetObservations();
-    scripted_.SetScript(c.script);
-    EXPECT_EQ(OnNewThread([&] { return RunCase(c); }), c.status);
-    EXPECT_EQ(FailureLines(), c.lines);
-    Strings codes;
-    for (const auto &report : OvraTest::ErrorReports()) {
-        codes.push_back(report.first);
-        EXPECT_EQ(report.second, (StrMap{{"errCode", "E_MOD"}, {"why", "disk full"}}));
-    }
-    EXPECT_EQ(codes, c.codes);
-    if (!c.codes.empty()) {
-        Strings traceback = TracebackLines();
-        ASSERT_FALSE(traceback.empty());
-        EXPECT_EQ(traceback.front(), "Traceback (most recent call last):\n");
-        EXPECT_EQ(traceback.back(), "RuntimeError: {'errCode': 'E_MOD', 'why': 'disk full'}\n");
-    } else {
-        EXPECT_TRUE(TracebackLines().empty());
-    }
-    EXPECT_EQ(scripted_.CallsOf(ModuleFunction(c.op)).empty(), !c.reachesModule);
-    if (c.op == Op::SEARCH && c.lines.size() == 3U) {
-        EXPECT_TRUE(scripted_.CallsOf("ovra_kb_search_get").empty()) << "a refused request is never polled";
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(Cases, Statuses, ::testing::ValuesIn(StatusCases()),
-                         [](const ::testing::TestParamInfo<StatusCase> &info) { return info.param.label; });
-
-TEST_F(Api, WithLoggingSwitchedOffStatusesAreTheSameAndNothingIsWritten)
-{
-    for (int level : {0, 1, 2, 3, 16}) {
-        LogCapture::SetEnabled(level, false);
-    }
-    for (const StatusCase &c : StatusCases()) {
-        SCOPED_TRACE(c.label);
-        scripted_.SetScript("{}");
-        ASSERT_EQ(OnNewThread([] { return OvraKbInit(SYS, LOAD); }), 0U);
-        scripted_.SetScript(c.script);
-        EXPECT_EQ(OnNewThread([&] { return RunCase(c); }), c.status);
-    }
-    EXPECT_TRUE(LogCapture::Lines().empty());
-    EXPECT_GT(LogCapture::Checks(), 0U);
-}
-
-TEST_F(Api, PythonUnavailableGivesThreeAndNeverCallsTheModule)
-{
-    TempDir empty;
-    setenv("PATH", empty.Path().c_str(), 1);
-    EXPECT_EQ(OvraKbInit(SYS, LOAD), 3U);
-    Strings lines = FailureLines();
-    EXPECT_EQ(lines, (Strings{"PyObjectInit of OvraKbPyfuncMgr Error!", "Run PyInterfaceInit Error!"}));
-    EXPECT_TRUE(scripted_.Calls().empty());
-}
-
-// ---- Search ----
-
-TEST_F(Api, SearchPollsEveryMillisecondUntilFinishedAndAppendsItsRows)
-{
-    Up();
-    scripted_.SetScript(
-        R"js({"ovra_kb_search_get": ["(False, [])", "(False, [])", "(True, [{'op': 'Add', 'tiling': 'x8'}])"]})js");
-    ResetObservations();
-    Rows rows = {{{"already", "here"}}};
-    ASSERT_EQ(OvraKbSearch("kw", OP, rows), 0U);
-    EXPECT_EQ(rows, (Rows{{{"already", "here"}}, {{"op", "Add"}, {"tiling", "x8"}}}));
-    std::vector<OvraTest::RecordedCall> polls;
-    for (const auto &call : scripted_.Calls()) {
-        if (call.call == "ovra_kb_search_get('task-1')") {
-            polls.push_back(call);
+    for (bool logging : {true, false}) {
+        for (int level : {0, 1, 2, 3, 16}) {
+            LogCapture::SetEnabled(level, logging);
         }
-    }
-    ASSERT_EQ(polls.size(), 3U);
-    for (size_t i = 1; i < polls.size(); ++i) {
-        std::int64_t gap = polls[i].nanoseconds - polls[i - 1].nanoseconds;
-        EXPECT_GE(gap, 1000000) << "polls must be at least one millisecond apart";
-        EXPECT_LT(gap, 500000000) << "polls must not wait much longer than a millisecond";
-    }
-}
+        for (const StatusCase &c : StatusCases()) {
+            SCOPED_TRACE(Of(c.op).name + " " + (c.script.empty() ? c.lines[0] : c.script));
+            scripted_.SetScript("{}");
+            ASSERT_EQ(OnNewThread([] { return OvraKbInit(SYS, LOAD); }), 0U);
+            scripted_.ClearRecord();
+            LogCapture::Clear();
+            ClearErrorReports();
+            scripted_.SetScript(c.script.empty() ? "{}" : c.script);
+            EXPECT_EQ(OnNewThread([&] { return RunCase(c); }), c.status);
 
-TEST_F(Api, SearchKeepsOneReferenceOnEachFlagItReads)
-{
-    Up();
-    const char *counts =
-        "note('%d %d %d' % (sys.version_info[:2] >= (3, 12), sys.getrefcount(False), sys.getrefcount(True)))";
-    scripted_.SetScript(Script("ovra_kb_write", counts));
-    ASSERT_EQ(OvraKbWrite("kw", "text", OP, true), 0U);
-    scripted_.SetScript(R"js({"ovra_kb_search_get": ["(False, [])", "(False, [])", "(True, [])"]})js");
-    Rows rows;
-    ASSERT_EQ(OvraKbSearch("kw", OP, rows), 0U);
-    scripted_.SetScript(Script("ovra_kb_write", counts));
-    ASSERT_EQ(OvraKbWrite("kw", "text", OP, true), 0U);
-    Strings notes = scripted_.Notes();
-    ASSERT_EQ(notes.size(), 2U);
-    int immortal = 0;
-    long falseBefore = 0;
-    long trueBefore = 0;
-    long falseAfter = 0;
-    long trueAfter = 0;
-    sscanf(notes[0].c_str(), "%d %ld %ld", &immortal, &falseBefore, &trueBefore);
-    sscanf(notes[1].c_str(), "%*d %ld %ld", &falseAfter, &trueAfter);
-    if (immortal != 0) {
-        GTEST_SKIP() << "False and True are immortal on this Python: their counts say nothing";
-    }
-    EXPECT_EQ(falseAfter - falseBefore, 2);
-    EXPECT_EQ(trueAfter - trueBefore, 1);
-}
-
-TEST_F(Api, FinishedSearchWithoutUsableRowsStillSucceeds)
-{
-    Up();
-    for (const char *answer :
-         {"(True, [])", "(True, 'not a list')", "(True, None)", "(1, [{'a': '1'}, {}, {'b': '2'}])"}) {
-        SCOPED_TRACE(answer);
-        scripted_.SetScript(Script("ovra_kb_search_get", answer));
-        ResetObservations();
-        Rows rows;
-        EXPECT_EQ(OnNewThread([&] { return OvraKbSearch("kw", OP, rows); }), 0U);
-        EXPECT_TRUE(FailureLines().empty());
-        if (std::string(answer).find("'a'") != std::string::npos) {
-            EXPECT_EQ(rows, (Rows{{{"a", "1"}}}));
-            EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_WARNING), Strings{"PylistToVec: mapTmp is empty."});
-        } else {
-            EXPECT_TRUE(rows.empty());
-        }
-    }
-}
-
-// ---- Concurrency ----
-
-TEST_F(Api, ConcurrentCallersEachGetTheirOwnRowsAndStatuses)
-{
-    Up();
-    // Every search needs a few polls, so that the threads' searches overlap.
-    scripted_.SetScript(R"js({"ovra_kb_search_get": ["poll_after(args[0], 3, default)"]})js");
-    constexpr int THREADS = 8;
-    constexpr int ROUNDS = 40;
-    std::atomic<int> failures{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < THREADS; ++t) {
-        threads.emplace_back([t, &failures] {
-            const StrMap config = {{"op_type", "Op" + std::to_string(t)}};
-            for (int i = 0; i < ROUNDS; ++i) {
-                const std::string keyword = "k" + std::to_string(i);
-                const std::string knowledge = "thread " + std::to_string(t) + " round " + std::to_string(i);
-                Rows rows;
-                bool ok =
-                    OvraKbWrite(keyword, knowledge, config, i % 2 == 0) == 0 &&
-                    OvraKbSearch(keyword, config, rows) == 0 &&
-                    rows == Rows{{{"keyword", keyword}, {"knowledge", knowledge}, {"op_type", config.at("op_type")}}};
-                // A refused configuration fails on its own thread without disturbing the others.
-                Rows ignored;
-                ok = ok && OvraKbSearch(keyword, {{"search_type", "exact"}}, ignored) == 2;
-                ok = ok && OvraKbDelete(keyword, config, false) == 0;
-                if (!ok) {
-                    ++failures;
-                }
+            Strings lines = c.lines;
+            if (c.status != 0) {
+                lines.push_back(Of(c.op).Failed());
             }
-        });
+            EXPECT_EQ(ErrorLines(), logging ? lines : Strings{});
+            const bool raised = c.script.find(RAISE) != std::string::npos;
+            const Reports report = {{"E_MOD", {{"errCode", "E_MOD"}, {"why", "disk full"}}}};
+            EXPECT_EQ(ErrorReports(), raised ? report : Reports{});
+            Strings traceback = LogCapture::Messages(OVRA_LEVEL_ERROR, "pywrapper");
+            if (!logging) {
+                EXPECT_TRUE(LogCapture::Lines().empty());
+            } else if (raised) {
+                ASSERT_FALSE(traceback.empty());
+                EXPECT_EQ(traceback.front(), "Traceback (most recent call last):\n");
+                EXPECT_EQ(traceback.back(), "RuntimeError: {'errCode': 'E_MOD', 'why': 'disk full'}\n");
+            } else {
+                EXPECT_TRUE(traceback.empty());
+            }
+            EXPECT_EQ(scripted_.CallsOf(Of(c.op).function).empty(), c.script.empty())
+                << "only a refused configuration stays out of Python";
+            if (std::find(lines.begin(), lines.end(), SEARCH_REQUEST_FAILED) != lines.end()) {
+                EXPECT_TRUE(scripted_.CallsOf("ovra_kb_search_get").empty()) << "a refused request is never polled";
+            }
+        }
     }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(failures.load(), 0);
-    EXPECT_EQ(scripted_.CallsOf("ovra_kb_write").size(), static_cast<size_t>(THREADS * ROUNDS));
-    EXPECT_EQ(OvraKbFinalize(), 0U);
+    EXPECT_GT(LogCapture::Checks(), 0U);
 }
 
 // ---- Initialise and finalise ----
 
-TEST_F(Api, TwoInitsAndTwoFinalisesStartAndStopPythonOnce)
+TEST_F(Api, AFailedInitKeepsItsUserAndAFailedFinaliseLeavesPythonUp)
 {
-    ASSERT_EQ(OvraKbInit(SYS, LOAD), 0U);
-    ASSERT_EQ(OvraKbInit(SYS, LOAD), 0U);
-    EXPECT_EQ(OvraKbFinalize(), 0U);
-    EXPECT_EQ(OvraKbFinalize(), 0U);
-    EXPECT_EQ(scripted_.CallsOf("ovra_kb_init").size(), 2U);
-    EXPECT_EQ(scripted_.CallsOf("ovra_kb_finalize").size(), 2U);
-    Strings events = LogCapture::Messages(OVRA_LEVEL_EVENT, "ovra_kb_pyfunc_mgr");
-    EXPECT_EQ(std::count(events.begin(), events.end(), "OvraKbPyfuncMgr: Run PyObjectInit successfully!"), 1);
-    EXPECT_EQ(std::count(events.begin(), events.end(), "OvraKbPyfuncMgr: PyObjectDeinit function end successfully!"),
-              1);
-}
-
-TEST_F(Api, FailingModuleFinaliseLeavesPythonUpUntilItSucceeds)
-{
-    Up();
+    EXPECT_EQ(OvraKbInit({{"soc_version", "x"}}, LOAD), 2U);
+    EXPECT_EQ(OvraKbWrite("kw", "text", OP, true), 0U) << "the Python side stays up after a refused configuration";
     scripted_.SetScript(Script("ovra_kb_finalize", "fail(RuntimeError('busy'))"));
     EXPECT_EQ(OvraKbFinalize(), 6U);
-    Strings events = LogCapture::Messages(OVRA_LEVEL_EVENT, "ovra_kb_pyfunc_mgr");
-    EXPECT_EQ(std::count(events.begin(), events.end(), "OvraKbPyfuncMgr: PyObjectDeinit function end successfully!"),
-              0);
+    EXPECT_EQ(TearDowns(), 0);
     scripted_.SetScript("{}");
     Rows rows;
     EXPECT_EQ(OvraKbSearch("kw", OP, rows), 0U) << "Python is still up";
     EXPECT_EQ(OvraKbFinalize(), 0U);
-    events = LogCapture::Messages(OVRA_LEVEL_EVENT, "ovra_kb_pyfunc_mgr");
-    EXPECT_EQ(std::count(events.begin(), events.end(), "OvraKbPyfuncMgr: PyObjectDeinit function end successfully!"),
-              1);
+    EXPECT_EQ(TearDowns(), 1);
     EXPECT_EQ(scripted_.CallsOf("ovra_kb_finalize").size(), 2U);
 }
 
-TEST_F(Api, FailedInitLeavesTheUserCountedUntilFinalised)
-{
-    EXPECT_EQ(OvraKbInit({{"soc_version", "x"}}, LOAD), 2U);
-    EXPECT_EQ(OvraKbWrite("kw", "text", OP, true), 0U) << "the Python side stays up after a refused configuration";
-    EXPECT_EQ(OvraKbFinalize(), 0U);
-    Strings events = LogCapture::Messages(OVRA_LEVEL_EVENT, "ovra_kb_pyfunc_mgr");
-    EXPECT_EQ(std::count(events.begin(), events.end(), "OvraKbPyfuncMgr: PyObjectDeinit function end successfully!"),
-              1);
-}
-
-// ---- Calls out of order and the host's process ----
-
 TEST_F(Api, CallsWhilePythonIsDownReturnThreeAndTheProcessGoesOn)
 {
-    const std::vector<std::pair<Op, Strings>> misuses = {
-        {Op::SEARCH,
-         {"OvraKbSearch: the knowledge base is not initialised, call OvraKbInit first.",
-          "Failed to call OvraKbSearchReq.", "Run OvraKbSearch Error!"}},
-        {Op::WRITE,
-         {"OvraKbWrite: the knowledge base is not initialised, call OvraKbInit first.", "Run OvraKbWrite Error!"}},
-        {Op::DELETE,
-         {"OvraKbDelete: the knowledge base is not initialised, call OvraKbInit first.", "Run OvraKbDelete Error!"}},
-        {Op::FINALIZE,
-         {"OvraKbFinalize: the knowledge base is not initialised, call OvraKbInit first.",
-          "Run OvraKbFinalize Error!"}},
-    };
     auto misuseEach = [&](const std::string &when) {
-        for (const auto &misuse : misuses) {
-            StatusCase c;
-            c.op = misuse.first;
-            SCOPED_TRACE(std::string(ModuleFunction(c.op)) + " " + when);
+        for (Op op : {Op::SEARCH, Op::WRITE, Op::DELETE, Op::FINALIZE}) {
+            StatusCase c{op, "", 3, {}};
+            SCOPED_TRACE(Of(op).name + " " + when);
             LogCapture::Clear();
             EXPECT_EQ(RunCase(c), 3U);
-            EXPECT_EQ(FailureLines(), misuse.second);
-            if (c.op != Op::FINALIZE) {
+            Strings lines = {Of(op).name + ": the knowledge base is not initialised, call OvraKbInit first.",
+                             Of(op).Failed()};
+            if (op == Op::SEARCH) {
+                lines.insert(lines.begin() + 1, SEARCH_REQUEST_FAILED);
+            }
+            EXPECT_EQ(ErrorLines(), lines);
+            if (op != Op::FINALIZE) {
                 c.config = {};
                 EXPECT_EQ(RunCase(c), 2U) << "the configuration is checked first";
             }
@@ -605,52 +281,102 @@ TEST_F(Api, CallsWhilePythonIsDownReturnThreeAndTheProcessGoesOn)
     EXPECT_EQ(scripted_.CallsOf("ovra_kb_finalize").size(), 2U);
 }
 
-using Dispositions = std::vector<std::uintptr_t>;
+// ---- Search ----
 
-Dispositions SignalDispositions()
+TEST_F(Api, SearchPollsEveryMillisecondUntilFinishedAndAppendsItsRows)
 {
-    Dispositions out;
-    for (int signal : {SIGINT, SIGPIPE, SIGXFSZ}) {
-        struct sigaction action = {};
-        sigaction(signal, nullptr, &action);
-        out.push_back(reinterpret_cast<std::uintptr_t>(action.sa_handler));
-    }
-    return out;
-}
-
-void HostHandler(int) {}
-
-TEST_F(Api, TheHostKeepsItsSignalDispositionsAcrossStartAndStop)
-{
-    const Dispositions before = SignalDispositions();
-    Up();
-    EXPECT_EQ(SignalDispositions(), before);
-    for (int signal : {SIGINT, SIGPIPE, SIGXFSZ}) {
-        std::signal(signal, HostHandler);
-    }
-    const Dispositions installedInBetween = SignalDispositions();
-    EXPECT_EQ(OvraKbFinalize(), 0U);
-    EXPECT_EQ(SignalDispositions(), installedInBetween);
-    for (int signal : {SIGINT, SIGPIPE, SIGXFSZ}) {
-        std::signal(signal, SIG_DFL);
+    ASSERT_EQ(OvraKbInit(SYS, LOAD), 0U);
+    // Each poll notes when it came.
+    scripted_.SetScript(R"js({"ovra_kb_search_get": ["note(time.monotonic(), (False, []))",
+      "note(time.monotonic(), (False, []))", "note(time.monotonic(), (True, [{'op': 'Add', 'tiling': 'x8'}]))"]})js");
+    Rows rows = {{{"already", "here"}}};
+    ASSERT_EQ(OvraKbSearch("kw", OP, rows), 0U);
+    EXPECT_EQ(rows, (Rows{{{"already", "here"}}, {{"op", "Add"}, {"tiling", "x8"}}}));
+    EXPECT_EQ(scripted_.CallsOf("ovra_kb_search_get"), Strings(3, "ovra_kb_search_get('task-1')"));
+    Strings polls = scripted_.Notes();
+    for (size_t i = 1; i < polls.size(); ++i) {
+        double gap = std::stod(polls[i]) - std::stod(polls[i - 1]);
+        EXPECT_GE(gap, 0.001) << "polls must be at least one millisecond apart";
+        EXPECT_LT(gap, 0.5) << "polls must not wait much longer than a millisecond";
     }
 }
 
-TEST_F(Api, SigintEndsAHostThatStartedTheLibrary)
+// ---- Faults of the environment: each gives status 3 and its lines, and the process goes on ----
+
+struct FaultCase {
+    const char *label;
+    std::function<void(const TempDir &)> arrange;
+    Strings lines;                  // before the start-up's own two
+    std::string lastTracebackLine;  // empty: nothing raised, nothing reported
+    std::string code;
+};
+
+class Faults : public Api, public ::testing::WithParamInterface<FaultCase> {};
+
+TEST_P(Faults, GiveTheirStatusAndLinesAndTheProcessGoesOn)
 {
-    pid_t child = fork();
-    ASSERT_NE(child, -1);
-    if (child == 0) {
-        std::signal(SIGINT, SIG_DFL);
-        if (OvraKbInit(SYS, LOAD) != 0U) {
-            _exit(3);
-        }
-        kill(getpid(), SIGINT);
-        _exit(0);
+    const FaultCase &c = GetParam();
+    const std::string goodPath = getenv("PATH");
+    c.arrange(dir_);
+    EXPECT_EQ(OvraKbInit(SYS, LOAD), 3U);
+    Strings lines = c.lines;
+    lines.insert(lines.end(), {"PyObjectInit of OvraKbPyfuncMgr Error!", "Run PyInterfaceInit Error!"});
+    EXPECT_EQ(ErrorLines(), lines);
+    if (c.code.empty()) {
+        EXPECT_TRUE(ErrorReports().empty());
+    } else {
+        auto reports = ErrorReports();
+        ASSERT_EQ(reports.size(), 1U);
+        EXPECT_EQ(reports[0].first, c.code);
+        EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_ERROR, "pywrapper").back(), c.lastTracebackLine + "\n");
     }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGINT) << "wait status " << status;
+
+    LogCapture::Clear();
+    Rows rows;
+    if (c.code.empty()) {  // the runtime was not found: with python3 back it comes up
+        setenv("PATH", goodPath.c_str(), 1);
+        ASSERT_EQ(OvraKbInit(SYS, LOAD), 0U);
+        EXPECT_EQ(OvraKbWrite("kw", "text", OP, true), 0U);
+        EXPECT_EQ(OvraKbSearch("kw", OP, rows), 0U);
+        EXPECT_EQ(rows.size(), 1U);
+        EXPECT_EQ(OvraKbFinalize(), 0U);
+        return;
+    }
+    // The interpreter stays up without the module: every call is refused cleanly.
+    EXPECT_EQ(OvraKbInit(SYS, LOAD), 3U);
+    EXPECT_EQ(OvraKbWrite("kw", "text", OP, true), 6U);
+    EXPECT_EQ(OvraKbSearch("kw", OP, rows), 6U);
+    EXPECT_EQ(OvraKbDelete("kw", OP, true), 6U);
+    EXPECT_EQ(OvraKbFinalize(), 6U);
+    EXPECT_TRUE(scripted_.Calls().empty());
 }
+
+const std::string IMPORT_FAILED = "OVRA_KB import ovraKbInterface_ error";
+
+INSTANTIATE_TEST_SUITE_P(
+    Environment, Faults,
+    ::testing::Values(
+        FaultCase{"no_python3",
+                  [](const TempDir &dir) { setenv("PATH", dir.File("nowhere").c_str(), 1); },
+                  {"Cannot fetch the version information of the current python.", "Failed to get python3 [LDLIBRARY].",
+                   "Failed to get python3 lib name when trying to load library.", "PyObjectInit: Load python error"},
+                  "",
+                  ""},
+        FaultCase{"knowledge_module_missing",
+                  [](const TempDir &) { UsePackages({"log"}); },
+                  {IMPORT_FAILED, "PyObjectInit: Run Init error."},
+                  "ModuleNotFoundError: No module named 'oxe.common.repository_manager.interface'",
+                  "EC0010"},
+        FaultCase{"log_module_missing",
+                  [](const TempDir &) { UsePackages({"kb"}); },
+                  {"PyObjectInit: Import repository_manager_log error"},
+                  "ModuleNotFoundError: No module named 'oxe.common.repository_manager.utils'",
+                  "EC0010"},
+        FaultCase{"knowledge_module_raises_at_import",
+                  [](const TempDir &) { setenv("OVRA_TEST_IMPORT_ERROR", "1", 1); },
+                  {IMPORT_FAILED, "PyObjectInit: Run Init error."},
+                  "RuntimeError: {'errCode': 'E_KB_IMPORT', 'reason': 'bank offline'}",
+                  "E_KB_IMPORT"}),
+    [](const ::testing::TestParamInfo<FaultCase> &info) { return info.param.label; });
 
 }  // namespace

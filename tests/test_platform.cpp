@@ -1,122 +1,151 @@
 // The default platform library: thresholds from its environment, whole lines, kept error reports.
+// The library reads its environment once, so each case runs this program again as a probe.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <climits>
 #include <cstdio>
 #include <regex>
-#include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
+
+#include "ovra_platform/platform.h"
 
 namespace {
 
-struct Output {
-    std::vector<std::string> lines;  // standard error
-    std::string out;                 // standard output
-};
+using Strings = std::vector<std::string>;
 
-Output RunProbe(const std::string &environment, const std::string &mode)
+void LogEveryLevel()
 {
-    std::string command = "env -u OVRA_LOG_LEVEL -u OVRA_LOG_EVENT " + environment + " '" + OVRA_TEST_PLATFORM_PROBE +
-                          "' " + mode + " 2>&1 1>/dev/null";
-    Output output;
+    for (int level : {0, 1, 2, 3, 16}) {
+        if (CheckLogLevel(60, level) == 1) {
+            DlogInner(60, level, "[probe:%d][TEST][Tid:%d]\"level %d\"\n", 1, mmGetTid(), level);
+        }
+    }
+}
+
+void LogFromThreads()
+{
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([t] {
+            std::string payload(300, static_cast<char>('a' + t));
+            for (int i = 0; i < 500; ++i) {
+                DlogInner(60, 3, "thread %d line %d %s\n", t, i, payload.c_str());
+            }
+        });
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+}
+
+void Report()
+{
+    ErrorManager &manager = ErrorManager::GetInstance();
+    int first = manager.ReportErrMessage("E1", {{"reason", "bank offline"}, {"op", "Add"}});
+    int second = manager.ReportErrMessage("EC0010", {{"result", "two\nlines"}});
+    for (const ErrorManager::Report &report : manager.GetReports()) {
+        fprintf(stderr, "kept %s", report.errCode.c_str());
+        for (const auto &entry : report.args) {
+            fprintf(stderr, " %s=%s", entry.first.c_str(), entry.second.c_str());
+        }
+        fprintf(stderr, "\n");
+    }
+    manager.ClearReports();
+    fprintf(stderr, "answers %d %d, left %zu, tid %s\n", first, second, manager.GetReports().size(),
+            mmGetTid() > 0 ? "positive" : "missing");
+}
+
+// With OVRA_TEST_PROBE=levels|threads|report the program only drives the library, before any test.
+const bool PROBED = [] {
+    const char *mode = getenv("OVRA_TEST_PROBE");
+    if (mode != nullptr) {
+        std::string(mode) == "levels" ? LogEveryLevel() : std::string(mode) == "threads" ? LogFromThreads() : Report();
+        _exit(0);
+    }
+    return false;
+}();
+
+// The lines the probe writes in `mode` (all to standard error), with only `environment` set for the log.
+Strings RunProbe(const std::string &environment, const std::string &mode)
+{
+    (void)PROBED;
+    char self[PATH_MAX] = {0};
+    EXPECT_GT(readlink("/proc/self/exe", self, sizeof(self) - 1), 0);
+    const std::string command = "env -u OVRA_LOG_LEVEL -u OVRA_LOG_EVENT OVRA_TEST_PROBE=" + mode + " " + environment +
+                                " '" + self + "' 2>&1 >/dev/null";
     FILE *pipe = popen(command.c_str(), "r");
+    Strings lines;
     char buffer[4096];
-    std::string all;
+    std::string line;
     while (pipe != nullptr && fgets(buffer, sizeof(buffer), pipe) != nullptr) {
-        all += buffer;
+        line += buffer;
+        if (line.back() == '\n') {
+            line.pop_back();
+            lines.push_back(line);
+            line.clear();
+        }
     }
     if (pipe != nullptr) {
         pclose(pipe);
     }
-    std::istringstream stream(all);
-    std::string line;
-    while (std::getline(stream, line)) {
-        output.lines.push_back(line);
-    }
-    FILE *outPipe =
-        popen(("env " + environment + " '" + OVRA_TEST_PLATFORM_PROBE + "' " + mode + " 2>/dev/null").c_str(), "r");
-    while (outPipe != nullptr && fgets(buffer, sizeof(buffer), outPipe) != nullptr) {
-        output.out += buffer;
-    }
-    if (outPipe != nullptr) {
-        pclose(outPipe);
-    }
-    return output;
+    return lines;
 }
 
-std::vector<std::string> LevelsShown(const Output &output)
+const std::string PREFIX = R"(\[(DEBUG|INFO|WARNING|ERROR|EVENT)\] \d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} pid=\d+ )";
+
+TEST(Platform, ShowsExactlyTheLevelsItsEnvironmentEnables)
 {
-    std::vector<std::string> levels;
-    std::regex line(
-        R"(^\[(DEBUG|INFO|WARNING|ERROR|EVENT)\] \d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} pid=\d+ \[probe:1\]\[TEST\]\[Tid:\d+\]"level \d+"$)");
-    for (const std::string &text : output.lines) {
-        std::smatch match;
-        if (std::regex_match(text, match, line)) {
-            levels.push_back(match[1]);
-        } else {
-            levels.push_back("malformed: " + text);
+    const std::vector<std::pair<std::string, Strings>> cases = {
+        {"", {"WARNING", "ERROR"}},
+        {"OVRA_LOG_LEVEL=debug", {"DEBUG", "INFO", "WARNING", "ERROR"}},
+        {"OVRA_LOG_LEVEL=1", {"INFO", "WARNING", "ERROR"}},
+        {"OVRA_LOG_LEVEL=ERROR", {"ERROR"}},
+        {"OVRA_LOG_LEVEL=off", {}},
+        {"OVRA_LOG_EVENT=1", {"WARNING", "ERROR", "EVENT"}},
+        {"OVRA_LOG_LEVEL=off OVRA_LOG_EVENT=1", {"EVENT"}},
+        {"OVRA_LOG_LEVEL=loud",
+         {"ovra_platform: OVRA_LOG_LEVEL=loud is unknown; use debug, info, warning, error or off (0 to 4); warning "
+          "is used",
+          "WARNING", "ERROR"}},
+    };
+    const std::regex line("^" + PREFIX + R"(\[probe:1\]\[TEST\]\[Tid:\d+\]"level \d+"$)");
+    for (const auto &c : cases) {
+        Strings shown;
+        for (const std::string &text : RunProbe(c.first, "levels")) {
+            std::smatch match;
+            shown.push_back(std::regex_match(text, match, line) ? match[1].str() : text);
         }
+        EXPECT_EQ(shown, c.second) << c.first;
     }
-    return levels;
 }
 
-struct ThresholdCase {
-    const char *label;
-    const char *environment;
-    std::vector<std::string> shown;
-};
-
-class Threshold : public ::testing::TestWithParam<ThresholdCase> {};
-
-TEST_P(Threshold, ShowsExactlyTheEnabledLevels)
+TEST(Platform, LinesOfConcurrentThreadsNeverInterleave)
 {
-    EXPECT_EQ(LevelsShown(RunProbe(GetParam().environment, "levels")), GetParam().shown);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Environment, Threshold,
-    ::testing::Values(ThresholdCase{"default", "", {"WARNING", "ERROR"}},
-                      ThresholdCase{"debug", "OVRA_LOG_LEVEL=debug", {"DEBUG", "INFO", "WARNING", "ERROR"}},
-                      ThresholdCase{"numeric_info", "OVRA_LOG_LEVEL=1", {"INFO", "WARNING", "ERROR"}},
-                      ThresholdCase{"error", "OVRA_LOG_LEVEL=ERROR", {"ERROR"}},
-                      ThresholdCase{"off", "OVRA_LOG_LEVEL=off", {}},
-                      ThresholdCase{"events", "OVRA_LOG_EVENT=1", {"WARNING", "ERROR", "EVENT"}},
-                      ThresholdCase{"off_with_events", "OVRA_LOG_LEVEL=off OVRA_LOG_EVENT=1", {"EVENT"}},
-                      ThresholdCase{"unknown_value",
-                                    "OVRA_LOG_LEVEL=loud",
-                                    {"malformed: ovra_platform: OVRA_LOG_LEVEL=loud is unknown; use debug, info, "
-                                     "warning, error or off (0 to 4); warning is used",
-                                     "WARNING", "ERROR"}}),
-    [](const ::testing::TestParamInfo<ThresholdCase> &info) { return info.param.label; });
-
-TEST(Lines, ConcurrentThreadsNeverInterleave)
-{
-    Output output = RunProbe("", "threads");
-    ASSERT_EQ(output.lines.size(), 8U * 500U);
-    std::regex whole(R"(^\[ERROR\] \S+ \S+ pid=\d+ thread (\d) line \d+ ([a-h])+$)");
-    for (const std::string &line : output.lines) {
+    Strings lines = RunProbe("", "threads");
+    ASSERT_EQ(lines.size(), 8U * 500U);
+    const std::regex whole("^" + PREFIX + R"(thread (\d) line \d+ ([a-h]{300})$)");
+    for (const std::string &line : lines) {
         std::smatch match;
         ASSERT_TRUE(std::regex_match(line, match, whole)) << line.substr(0, 120);
-        EXPECT_EQ(line.find_first_of("abcdefgh", line.find(" line ")) != std::string::npos, true);
-        char expected = static_cast<char>('a' + std::stoi(match[1]));
-        EXPECT_EQ(line.substr(line.size() - 300), std::string(300, expected));
+        EXPECT_EQ(match[3].str(), std::string(300, static_cast<char>('a' + std::stoi(match[2]))));
     }
 }
 
-TEST(ErrorReports, AreKeptPrintedAndCleared)
+TEST(Platform, ErrorReportsAreKeptWrittenAndCleared)
 {
-    Output output = RunProbe("", "report");
-    EXPECT_EQ(output.out,
-              "E1 op=Add reason=bank offline\n"
-              "EC0010 result=two\nlines\n"
-              "answers 0 0, left 0, tid positive\n");
-    ASSERT_EQ(output.lines.size(), 2U);
-    EXPECT_NE(output.lines[0].find("[ERROR] "), std::string::npos);
-    EXPECT_NE(output.lines[0].find("error report E1 {op: Add, reason: bank offline}"), std::string::npos);
-    EXPECT_NE(output.lines[1].find("error report EC0010 {result: two\\nlines}"), std::string::npos)
-        << "a line break in a report is written as \\n, keeping the report on one line";
-
-    EXPECT_TRUE(RunProbe("OVRA_LOG_LEVEL=off", "report").lines.empty()) << "reports follow the threshold";
+    // A kept report holds the line break as it was given; the log writes it as \n, keeping one line.
+    const Strings kept = {"kept E1 op=Add reason=bank offline", "kept EC0010 result=two", "lines",
+                          "answers 0 0, left 0, tid positive"};
+    Strings lines = RunProbe("", "report");
+    ASSERT_EQ(lines.size(), 6U);
+    EXPECT_TRUE(
+        std::regex_match(lines[0], std::regex("^" + PREFIX + "error report E1 \\{op: Add, reason: bank offline\\}$")));
+    EXPECT_TRUE(std::regex_match(lines[1], std::regex("^" + PREFIX + "error report EC0010 \\{result: two\\\\nlines\\}$")));
+    EXPECT_EQ(Strings(lines.begin() + 2, lines.end()), kept);
+    EXPECT_EQ(RunProbe("OVRA_LOG_LEVEL=off", "report"), kept) << "reports are written by the threshold, kept always";
 }
 
 }  // namespace

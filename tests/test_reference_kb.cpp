@@ -1,9 +1,9 @@
-// The reference knowledge-base package through the library: a round trip over the three search
-// types, replacement, deletion, refusals, and records that outlive the interpreter.
+// The reference knowledge-base package through the library, where only a process of its own can show it: two
+// users of one process, and records that outlive the interpreter. (The command's tests make the round trips
+// through the library, one process per command.)
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <thread>
 
 #include "ovra_kb/ovra_kb_api.h"
@@ -22,7 +22,7 @@ struct PyObject;
 }
 
 // This program exports PyDict_New (ENABLE_EXPORTS) and forwards every call to the runtime's. The library binds
-// it only when it finds the runtime in the global scope already, as it does after PreloadRuntime(). It has the
+// it only when it finds the runtime in the global scope already, as it does after OpenRuntimeGlobally(). It has the
 // type that the library calls it through, which the function sanitizer checks.
 extern "C" OvraKb::PyObject *PyDict_New()
 {
@@ -40,15 +40,6 @@ extern "C" OvraKb::PyObject *PyDict_New()
 }
 
 namespace {
-
-// Loads the test interpreter's runtime into the global scope before the library's first start-up.
-void PreloadRuntime()
-{
-    const std::string query = "'" + OvraTest::TestPython() + "' -c 'import sysconfig; print(sysconfig.get_config_var";
-    const std::string path =
-        OvraTest::FirstLineOf(query + "(\"LIBDIR\"))'") + "/" + OvraTest::FirstLineOf(query + "(\"LDLIBRARY\"))'");
-    ASSERT_NE(dlopen(path.c_str(), RTLD_NOW | RTLD_GLOBAL), nullptr) << dlerror();
-}
 
 using Rows = std::vector<StrMap>;
 
@@ -84,46 +75,6 @@ class ReferenceKb : public ::testing::Test {
     TempDir dir_;
     StrMap sys_ = {{"soc_version", "soc-a1"}, {"core_num", "8"}};
 };
-
-TEST_F(ReferenceKb, RoundTripOverEverySearchType)
-{
-    ASSERT_EQ(Init(), 0U);
-    const StrMap matmul = {{"op_type", "MatMul"}};
-    const StrMap add = {{"op_type", "Add"}};
-    ASSERT_EQ(OvraKbWrite("tile_m128", "split M by 128", matmul, true), 0U);
-    ASSERT_EQ(OvraKbWrite("tile_m256", "split M by 256", matmul, false), 0U);
-    ASSERT_EQ(OvraKbWrite("tilt", "not a tile", matmul, false), 0U);
-    ASSERT_EQ(OvraKbWrite("vec8", "eight lanes", add, true), 0U);
-
-    EXPECT_EQ(Search("tile_m128", "MatMul", nullptr), Rows{Row("MatMul", "tile_m128", "split M by 128")});
-    EXPECT_EQ(Search("tile_m128", "MatMul", "exact"), Rows{Row("MatMul", "tile_m128", "split M by 128")});
-    EXPECT_EQ(Search("tile_m128", "Add", "exact"), Rows{}) << "records are kept per operator type";
-    EXPECT_EQ(Search("tile_", "MatMul", "prefix"),
-              (Rows{Row("MatMul", "tile_m128", "split M by 128"), Row("MatMul", "tile_m256", "split M by 256")}));
-    EXPECT_EQ(Search("ignored", "Add", "all"), Rows{Row("Add", "vec8", "eight lanes")});
-    EXPECT_EQ(Search("", "*", "all").size(), 4U);
-
-    ASSERT_EQ(OvraKbWrite("tile_m128", "split M by 128, double buffer", matmul, true), 0U);
-    EXPECT_EQ(Search("tile_m128", "MatMul", nullptr),
-              Rows{Row("MatMul", "tile_m128", "split M by 128, double buffer")});
-    ASSERT_EQ(OvraKbDelete("tile_m256", matmul, true), 0U);
-    ASSERT_EQ(OvraKbDelete("never_written", matmul, false), 0U) << "deleting a missing record succeeds";
-    EXPECT_EQ(Search("tile_", "MatMul", "prefix").size(), 1U);
-
-    EXPECT_EQ(OvraKbFinalize(), 0U);
-}
-
-TEST_F(ReferenceKb, RefusalsCarryThePackagesOwnCodes)
-{
-    ASSERT_EQ(Init(), 0U);
-    Search("kw", "MatMul", "fuzzy", 6);
-    auto reports = OvraTest::ErrorReports();
-    ASSERT_EQ(reports.size(), 1U);
-    EXPECT_EQ(reports[0].first, "OVRA_KB_E006");
-    EXPECT_NE(reports[0].second.at("message"), "");
-
-    EXPECT_EQ(OvraKbFinalize(), 0U);
-}
 
 // Two users of one process: whichever way the second one's initialisation fails, it finalises nothing
 // (only an OvraKbInit that returned 0 is owed an OvraKbFinalize), and the first one's session goes on.
@@ -165,7 +116,7 @@ TEST_F(ReferenceKb, AFailedInitialiseLeavesAnotherUsersSessionAlone)
          true},
     };
     // Status 5 needs the library bound to this program's PyDict_New, through the global scope.
-    PreloadRuntime();
+    ASSERT_NE(OvraTest::OpenRuntimeGlobally(), nullptr) << dlerror();
     ASSERT_EQ(Init(), 0U);
     for (const Refusal &refusal : refusals) {
         SCOPED_TRACE(refusal.label);
@@ -190,37 +141,6 @@ TEST_F(ReferenceKb, AFailedInitialiseLeavesAnotherUsersSessionAlone)
     EXPECT_EQ(OvraKbWrite("late", "x", {{"op_type", "Add"}}, true), 6U);
     const auto reports = OvraTest::ErrorReports();
     EXPECT_EQ(reports.empty() ? std::string() : reports.back().first, "OVRA_KB_E007");
-    EXPECT_EQ(OvraKbFinalize(), 0U);
-}
-
-// The package's errors keep neither the call's arguments nor anything else large alive, although the library
-// keeps every failed call's exception for the life of the process: a refused write of 1 MB keeps what a refused
-// write of one byte keeps.
-TEST_F(ReferenceKb, ARefusedWriteKeepsNoneOfItsArguments)
-{
-    if (OvraTest::UnderAddressSanitizer()) {
-        GTEST_SKIP() << "the sanitizer's quarantine keeps freed megabytes resident, which this test would count";
-    }
-    ASSERT_EQ(Init(), 0U);
-    auto keptPerRefusal = [](const std::string &knowledge, const std::string &opType) {
-        // On its own thread: a refused value's pending error stays there, not on the next case's.
-        std::thread([&] { EXPECT_EQ(OvraKbWrite("warm", knowledge, {{"op_type", opType}}, true), 6U); }).join();
-        const long before = OvraTest::ResidentBytes();
-        constexpr int REFUSALS = 32;
-        for (int i = 0; i < REFUSALS; ++i) {
-            EXPECT_EQ(OvraKbWrite("kw", knowledge, {{"op_type", opType}}, true), 6U);
-        }
-        return (OvraTest::ResidentBytes() - before) / REFUSALS;
-    };
-    const std::string megabyte(1 << 20, 'k');
-    const long small = keptPerRefusal("k", "*");
-    const long large = keptPerRefusal(megabyte, "*");
-    // Not UTF-8: the library cannot build the call's arguments, and the decode error holds the text.
-    const long undecodable = keptPerRefusal(megabyte + "\xff", "Add");
-    std::printf("resident bytes kept per refused write: %ld (1 byte), %ld (1 MB), %ld (1 MB, not UTF-8)\n", small,
-                large, undecodable);
-    EXPECT_LT(large - small, 128 * 1024) << "a refused 1 MB write kept " << large << " bytes, a small one " << small;
-    EXPECT_LT(undecodable - small, 128 * 1024) << "a 1 MB write refused as not UTF-8 kept " << undecodable << " bytes";
     EXPECT_EQ(OvraKbFinalize(), 0U);
 }
 

@@ -1,6 +1,6 @@
-// A CPython extension module over the five exported functions, for tests in which Python is
-// the host process. Every call gives the interpreter lock back while the library works, as a
-// well-behaved extension must: the library takes the lock itself when it needs it.
+// A CPython extension module over the exported functions (all but delete, whose path is write's), for tests in which
+// Python is the host process. Every call gives the interpreter lock back while the library works, as a well-behaved
+// extension must: the library takes the lock itself when it needs it.
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
 
@@ -8,24 +8,28 @@
 #include <vector>
 
 #include "ovra_kb/ovra_kb_api.h"
-#include "ovra_platform/platform.h"
 
 namespace {
 
-bool ToStrMap(PyObject *dict, OvraKb::StrMap &out)
+// Arguments: a dictionary of strings to read into `out`.
+int ToStrMap(PyObject *dict, void *out)
 {
     PyObject *key = nullptr;
     PyObject *value = nullptr;
     Py_ssize_t position = 0;
+    if (!PyDict_Check(dict)) {
+        PyErr_SetString(PyExc_TypeError, "a dict of str is expected");
+        return 0;
+    }
     while (PyDict_Next(dict, &position, &key, &value)) {
         const char *keyText = PyUnicode_AsUTF8(key);
         const char *valueText = PyUnicode_AsUTF8(value);
         if (keyText == nullptr || valueText == nullptr) {
-            return false;
+            return 0;
         }
-        out[keyText] = valueText;
+        (*static_cast<OvraKb::StrMap *>(out))[keyText] = valueText;
     }
-    return true;
+    return 1;
 }
 
 PyObject *FromStrMap(const OvraKb::StrMap &map)
@@ -39,86 +43,57 @@ PyObject *FromStrMap(const OvraKb::StrMap &map)
     return dict;
 }
 
-PyObject *Init(PyObject *, PyObject *args)
+// Runs `call` with the interpreter lock given back.
+template <typename Call>
+std::uint32_t Released(Call call)
 {
-    PyObject *sysDict = nullptr;
-    PyObject *loadDict = nullptr;
-    OvraKb::StrMap sysConfig;
-    OvraKb::StrMap loadConfig;
-    if (!PyArg_ParseTuple(args, "O!O!", &PyDict_Type, &sysDict, &PyDict_Type, &loadDict) ||
-        !ToStrMap(sysDict, sysConfig) || !ToStrMap(loadDict, loadConfig)) {
-        return nullptr;
-    }
     std::uint32_t status = 0;
     Py_BEGIN_ALLOW_THREADS
-    status = OvraKbInit(sysConfig, loadConfig);
+    status = call();
     Py_END_ALLOW_THREADS
-    return PyLong_FromUnsignedLong(status);
+    return status;
+}
+
+PyObject *Init(PyObject *, PyObject *args)
+{
+    OvraKb::StrMap sys;
+    OvraKb::StrMap load;
+    if (!PyArg_ParseTuple(args, "O&O&", ToStrMap, &sys, ToStrMap, &load)) {
+        return nullptr;
+    }
+    return PyLong_FromUnsignedLong(Released([&] { return OvraKbInit(sys, load); }));
 }
 
 PyObject *Finalize(PyObject *, PyObject *)
 {
-    std::uint32_t status = 0;
-    Py_BEGIN_ALLOW_THREADS
-    status = OvraKbFinalize();
-    Py_END_ALLOW_THREADS
-    return PyLong_FromUnsignedLong(status);
+    return PyLong_FromUnsignedLong(Released([] { return OvraKbFinalize(); }));
 }
 
 PyObject *Write(PyObject *, PyObject *args)
 {
     const char *keyword = nullptr;
     const char *knowledge = nullptr;
-    PyObject *configDict = nullptr;
-    int flag = 0;
     OvraKb::StrMap config;
-    if (!PyArg_ParseTuple(args, "ssO!p", &keyword, &knowledge, &PyDict_Type, &configDict, &flag) ||
-        !ToStrMap(configDict, config)) {
+    int flag = 0;
+    if (!PyArg_ParseTuple(args, "ssO&p", &keyword, &knowledge, ToStrMap, &config, &flag)) {
         return nullptr;
     }
     const std::string key = keyword;
     const std::string text = knowledge;
-    const bool durable = flag != 0;
-    std::uint32_t status = 0;
-    Py_BEGIN_ALLOW_THREADS
-    status = OvraKbWrite(key, text, config, durable);
-    Py_END_ALLOW_THREADS
-    return PyLong_FromUnsignedLong(status);
-}
-
-PyObject *Delete(PyObject *, PyObject *args)
-{
-    const char *keyword = nullptr;
-    PyObject *configDict = nullptr;
-    int flag = 0;
-    OvraKb::StrMap config;
-    if (!PyArg_ParseTuple(args, "sO!p", &keyword, &PyDict_Type, &configDict, &flag) || !ToStrMap(configDict, config)) {
-        return nullptr;
-    }
-    const std::string key = keyword;
-    const bool durable = flag != 0;
-    std::uint32_t status = 0;
-    Py_BEGIN_ALLOW_THREADS
-    status = OvraKbDelete(key, config, durable);
-    Py_END_ALLOW_THREADS
-    return PyLong_FromUnsignedLong(status);
+    return PyLong_FromUnsignedLong(Released([&] { return OvraKbWrite(key, text, config, flag != 0); }));
 }
 
 // search(keyword, config) -> (status, [row, ...])
 PyObject *Search(PyObject *, PyObject *args)
 {
     const char *keyword = nullptr;
-    PyObject *configDict = nullptr;
     OvraKb::StrMap config;
-    if (!PyArg_ParseTuple(args, "sO!", &keyword, &PyDict_Type, &configDict) || !ToStrMap(configDict, config)) {
+    if (!PyArg_ParseTuple(args, "sO&", &keyword, ToStrMap, &config)) {
         return nullptr;
     }
     const std::string key = keyword;
     std::vector<OvraKb::StrMap> rows;
-    std::uint32_t status = 0;
-    Py_BEGIN_ALLOW_THREADS
-    status = OvraKbSearch(key, config, rows);
-    Py_END_ALLOW_THREADS
+    std::uint32_t status = Released([&] { return OvraKbSearch(key, config, rows); });
     PyObject *list = PyList_New(0);
     for (const OvraKb::StrMap &row : rows) {
         PyObject *dict = FromStrMap(row);
@@ -128,25 +103,11 @@ PyObject *Search(PyObject *, PyObject *args)
     return Py_BuildValue("(kN)", static_cast<unsigned long>(status), list);
 }
 
-// reports() -> [(code, details), ...] kept by the platform library
-PyObject *Reports(PyObject *, PyObject *)
-{
-    PyObject *list = PyList_New(0);
-    for (const ErrorManager::Report &report : ErrorManager::GetInstance().GetReports()) {
-        PyObject *item = Py_BuildValue("(sN)", report.errCode.c_str(), FromStrMap(report.args));
-        PyList_Append(list, item);
-        Py_DECREF(item);
-    }
-    return list;
-}
-
 PyMethodDef g_methods[] = {
     {"init", Init, METH_VARARGS, "init(sys_config, load_config) -> status"},
     {"finalize", Finalize, METH_NOARGS, "finalize() -> status"},
     {"write", Write, METH_VARARGS, "write(keyword, knowledge, config, flag) -> status"},
-    {"delete", Delete, METH_VARARGS, "delete(keyword, config, flag) -> status"},
     {"search", Search, METH_VARARGS, "search(keyword, config) -> (status, rows)"},
-    {"reports", Reports, METH_NOARGS, "reports() -> [(code, details)]"},
     {nullptr, nullptr, 0, nullptr},
 };
 

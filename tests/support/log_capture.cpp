@@ -1,7 +1,6 @@
 #include "log_capture.h"
 
-#include "log_formats.h"
-
+#include <gtest/gtest.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -9,16 +8,23 @@
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
+#include <regex>
 #include <set>
+
+#include "runtime/python_api.h"
 
 namespace OvraTest {
 namespace {
+
+const std::string LINE_PREFIX = "[%s:%d][%s][Tid:%d]\"";
+const std::string LINE_SUFFIX = "\"\n";
 
 struct Capture {
     std::mutex mutex;
     std::vector<LogLine> lines;
     std::set<int> disabled;
     size_t checks = 0;
+    std::vector<std::string> faults;  // lines that break the rules above, reported when the test ends
 };
 
 Capture &State()
@@ -27,35 +33,63 @@ Capture &State()
     return *capture;
 }
 
-// "[file:line][tag][Tid:n]\"message\"\n"
-LogLine Parse(int module, int level, const std::string &raw)
+class LineFaults : public ::testing::EmptyTestEventListener {
+    void OnTestEnd(const ::testing::TestInfo &) override
+    {
+        std::vector<std::string> faults;
+        {
+            std::lock_guard<std::mutex> lock(State().mutex);
+            faults.swap(State().faults);
+        }
+        for (const std::string &fault : faults) {
+            ADD_FAILURE() << "the library logged " << fault;
+        }
+    }
+};
+
+const bool LINE_FAULTS_REPORTED = [] {
+    ::testing::UnitTest::GetInstance()->listeners().Append(new LineFaults);
+    return true;
+}();
+
+// The messages that carry a value, the only formats with a conversion.
+const std::set<std::string> &ValueMessages()
 {
-    LogLine out;
-    out.module = module;
-    out.level = level;
-    out.raw = raw;
-    size_t colon = raw.find(':');
-    size_t close = raw.find("][");
-    if (raw.empty() || raw[0] != '[' || colon == std::string::npos || close == std::string::npos) {
+    static const std::set<std::string> messages = [] {
+        std::set<std::string> out = {
+            "Failed to run python cmd[%s].",
+            "line:[%s]",
+            "Load dynamic Python library[%s] successfully!",
+            "Python install path[%s] is invalid, please confirm that the environment\" \"variable [ld_library_path] "
+            "or [ldconfig] has configured the path of the python\" \"library.",
+            "OvraKbPyfuncMgr: Enter PyObjectInit, reference_ is %lu!",
+            "OvraKbPyfuncMgr: enter PyObjectDeinit function, reference_[%lu]",
+            "PyParseStrList: Length of pyStrList is [%zu]."};
+#define OVRA_TEST_DLSYM_FAILURE(symbol, failureName, Type) \
+    out.insert("Failed to run dlsym function for " failureName ", error message: [%s].");
+        OVRA_KB_PYTHON_API(OVRA_TEST_DLSYM_FAILURE)
+#undef OVRA_TEST_DLSYM_FAILURE
         return out;
+    }();
+    return messages;
+}
+
+// What is wrong with a line, or "" when nothing is.
+std::string FaultOf(int module, const std::string &format, const LogLine &line, bool parsed, int tid)
+{
+    (void)LINE_FAULTS_REPORTED;
+    if (module != 60 || !parsed || tid != static_cast<int>(syscall(SYS_gettid))) {
+        return "module, tag or thread id";
     }
-    out.file = raw.substr(1, colon - 1);
-    out.line = std::atoi(raw.substr(colon + 1, close - colon - 1).c_str());
-    size_t tagEnd = raw.find("][Tid:", close + 2);
-    if (tagEnd == std::string::npos) {
-        return out;
+    if (format.size() < LINE_PREFIX.size() + LINE_SUFFIX.size() ||
+        format.compare(0, LINE_PREFIX.size(), LINE_PREFIX) != 0 ||
+        format.compare(format.size() - LINE_SUFFIX.size(), LINE_SUFFIX.size(), LINE_SUFFIX) != 0) {
+        return "line shape";
     }
-    out.tag = raw.substr(close + 2, tagEnd - close - 2);
-    size_t tidEnd = raw.find("]\"", tagEnd);
-    if (tidEnd == std::string::npos) {
-        return out;
-    }
-    out.tid = std::atoi(raw.substr(tagEnd + 6, tidEnd - tagEnd - 6).c_str());
-    std::string rest = raw.substr(tidEnd + 2);
-    if (rest.size() >= 2 && rest.compare(rest.size() - 2, 2, "\"\n") == 0) {
-        out.message = rest.substr(0, rest.size() - 2);
-    }
-    return out;
+    std::string message = format.substr(LINE_PREFIX.size(), format.size() - LINE_PREFIX.size() - LINE_SUFFIX.size());
+    bool ownFormat = message.find('%') == std::string::npos || ValueMessages().count(message) == 1 ||
+                     (line.file == "pywrapper" && message == "%s");  // the lines of a traceback
+    return ownFormat ? "" : "a format that is not a message of its own";
 }
 
 }  // namespace
@@ -72,22 +106,11 @@ std::vector<LogLine> LogCapture::Lines()
     return State().lines;
 }
 
-std::vector<std::string> LogCapture::Messages(int level)
-{
-    std::vector<std::string> out;
-    for (const LogLine &line : Lines()) {
-        if (line.level == level) {
-            out.push_back(line.message);
-        }
-    }
-    return out;
-}
-
 std::vector<std::string> LogCapture::Messages(int level, const std::string &file)
 {
     std::vector<std::string> out;
     for (const LogLine &line : Lines()) {
-        if (line.level == level && line.file == file) {
+        if (line.level == level && (file.empty() || line.file == file)) {
             out.push_back(line.message);
         }
     }
@@ -136,11 +159,20 @@ extern "C" void DlogInner(int moduleId, int level, const char *fmt, ...)
     if (getenv("OVRA_TEST_ECHO_LOG") != nullptr) {
         fprintf(stderr, "[level %d] %s", level, raw.c_str());
     }
-    OvraTest::LogLine line = OvraTest::Parse(moduleId, level, raw);
-    line.format = fmt;
-    OvraTest::CheckFormat(line.file, line.format);
+    // "[file:line][OVRAKB][Tid:n]\"message\"\n"; only the short prefix goes through the regex.
+    static const std::regex prefix(R"(\[([^:\]]+):\d+\]\[OVRAKB\]\[Tid:(\d+)\]")");
+    size_t end = raw.find("]\"");
+    std::smatch match;
+    bool parsed = end != std::string::npos && raw.size() >= end + 4 && raw.compare(raw.size() - 2, 2, "\"\n") == 0 &&
+                  std::regex_match(raw.cbegin(), raw.cbegin() + static_cast<long>(end + 2), match, prefix);
+    OvraTest::LogLine line{level, parsed ? match[1].str() : "",
+                           parsed ? raw.substr(end + 2, raw.size() - end - 4) : ""};
+    std::string fault = OvraTest::FaultOf(moduleId, fmt, line, parsed, parsed ? std::stoi(match[2]) : 0);
     OvraTest::Capture &state = OvraTest::State();
     std::lock_guard<std::mutex> lock(state.mutex);
+    if (!fault.empty()) {
+        state.faults.push_back(fault + ": " + raw);
+    }
     state.lines.push_back(line);
 }
 

@@ -1,5 +1,6 @@
 #include "test_env.h"
 
+#include <dlfcn.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -7,12 +8,35 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <stdexcept>
 
+#include "log_capture.h"
 #include "ovra_platform/platform.h"
 
 namespace OvraTest {
+namespace {
+
+std::string RunTestPython(const std::string &program)
+{
+    return FirstLineOf("'" + TestPython() + "' -c '" + program + "'");
+}
+
+}  // namespace
+
+std::string FirstLineOf(const std::string &command)
+{
+    FILE *pipe = popen(command.c_str(), "r");
+    if (pipe == nullptr) {
+        return "";
+    }
+    char line[4096] = {0};
+    std::string text = fgets(line, sizeof(line), pipe) != nullptr ? line : "";
+    pclose(pipe);
+    if (!text.empty() && text.back() == '\n') {
+        text.pop_back();
+    }
+    return text;
+}
 
 std::string TestPython()
 {
@@ -20,9 +44,26 @@ std::string TestPython()
     return configured != nullptr && *configured != '\0' ? configured : OVRA_TEST_DEFAULT_PYTHON;
 }
 
-std::string PackagesDir()
+int TestPythonVersion()
 {
-    return std::string(OVRA_TEST_SOURCE_DIR) + "/pypkgs";
+    std::string text = RunTestPython("import sys; print(sys.version_info[0] * 100 + sys.version_info[1])");
+    return text.empty() ? 0 : std::stoi(text);
+}
+
+std::string TestPythonVersionText()
+{
+    return RunTestPython("import platform; print(platform.python_version())");
+}
+
+std::string PythonConfig(const std::string &python, const std::string &variable)
+{
+    return FirstLineOf("'" + python + "' -c 'import sysconfig; print(sysconfig.get_config_var(\"" + variable + "\"))'");
+}
+
+void *OpenRuntimeGlobally()
+{
+    const std::string path = PythonConfig(TestPython(), "LIBDIR") + "/" + PythonConfig(TestPython(), "LDLIBRARY");
+    return dlopen(path.c_str(), RTLD_NOW | RTLD_GLOBAL);
 }
 
 std::string FixturesBinaryDir()
@@ -60,20 +101,11 @@ void WriteFile(const std::string &path, const std::string &text, bool executable
     }
 }
 
-std::string ReadFile(const std::string &path)
+Strings ReadLines(const std::string &path)
 {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-std::vector<std::string> ReadLines(const std::string &path)
-{
-    std::vector<std::string> lines;
+    Strings lines;
     std::ifstream in(path);
-    std::string line;
-    while (std::getline(in, line)) {
+    for (std::string line; std::getline(in, line);) {
         lines.push_back(line);
     }
     return lines;
@@ -90,27 +122,21 @@ void PutPythonFirstOnPath(const TempDir &dir, const std::string &python)
 {
     std::string bin = dir.File("python-bin");
     mkdir(bin.c_str(), 0755);
-    std::string link = bin + "/python3";
-    unlink(link.c_str());
-    if (symlink(python.c_str(), link.c_str()) != 0) {
-        throw std::runtime_error("cannot link " + link + " to " + python);
-    }
+    WriteFile(bin + "/python3",
+              "#!/bin/sh\necho run >> '" + dir.File("python3-runs") + "'\nexec '" + python + "' \"$@\"\n", true);
     PrependToPath(bin);
 }
 
-void PutCountingPythonFirstOnPath(const TempDir &dir, const std::string &python, const std::string &counterFile)
+size_t PythonRuns(const TempDir &dir)
 {
-    std::string bin = dir.File("python-bin");
-    mkdir(bin.c_str(), 0755);
-    WriteFile(bin + "/python3", "#!/bin/sh\necho run >> '" + counterFile + "'\nexec '" + python + "' \"$@\"\n", true);
-    PrependToPath(bin);
+    return ReadLines(dir.File("python3-runs")).size();
 }
 
 void UsePackages(std::initializer_list<std::string> packages)
 {
-    std::string value = PackagesDir() + "/support";
+    std::string value = std::string(OVRA_TEST_SOURCE_DIR) + "/pypkgs/support";
     for (const std::string &package : packages) {
-        value += ":" + PackagesDir() + "/" + package;
+        value += ":" + std::string(OVRA_TEST_SOURCE_DIR) + "/pypkgs/" + package;
     }
     setenv("PYTHONPATH", value.c_str(), 1);
 }
@@ -119,33 +145,6 @@ void UseReferencePackage()
 {
     std::string value = std::string(OVRA_TEST_SOURCE_DIR) + "/../python";
     setenv("PYTHONPATH", value.c_str(), 1);
-}
-
-std::string FirstLineOf(const std::string &command)
-{
-    FILE *pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) {
-        return "";
-    }
-    char line[4096] = {0};
-    std::string text = fgets(line, sizeof(line), pipe) != nullptr ? line : "";
-    pclose(pipe);
-    if (!text.empty() && text.back() == '\n') {
-        text.pop_back();
-    }
-    return text;
-}
-
-std::string TestPythonVersionText()
-{
-    return FirstLineOf("'" + TestPython() + "' -c 'import platform; print(platform.python_version())'");
-}
-
-int TestPythonVersion()
-{
-    std::string text =
-        FirstLineOf("'" + TestPython() + "' -c 'import sys; print(sys.version_info[0] * 100 + sys.version_info[1])'");
-    return text.empty() ? 0 : std::stoi(text);
 }
 
 Scripted::Scripted(const TempDir &dir) : script_(dir.File("script.json")), record_(dir.File("record.txt"))
@@ -160,42 +159,28 @@ void Scripted::SetScript(const std::string &json) const
     WriteFile(script_, json);
 }
 
-std::vector<RecordedCall> Scripted::Calls() const
+// The record holds "name(args)" for a call and "note <text>" for a note.
+Strings Scripted::Record(bool notes) const
 {
-    std::vector<RecordedCall> calls;
+    Strings out;
     for (const std::string &line : ReadLines(record_)) {
-        if (line.compare(0, 5, "note ") == 0) {
-            continue;
-        }
-        std::istringstream fields(line);
-        RecordedCall call;
-        fields >> call.nanoseconds >> call.thread;
-        std::getline(fields >> std::ws, call.call);
-        calls.push_back(call);
-    }
-    return calls;
-}
-
-std::vector<std::string> Scripted::CallsOf(const std::string &function) const
-{
-    std::vector<std::string> out;
-    for (const RecordedCall &call : Calls()) {
-        if (call.call.compare(0, function.size() + 1, function + "(") == 0) {
-            out.push_back(call.call);
+        const bool note = line.compare(0, 5, "note ") == 0;
+        if (note == notes) {
+            out.push_back(note ? line.substr(5) : line);
         }
     }
     return out;
 }
 
-std::vector<std::string> Scripted::Notes() const
+Strings Scripted::CallsOf(const std::string &function) const
 {
-    std::vector<std::string> notes;
-    for (const std::string &line : ReadLines(record_)) {
-        if (line.compare(0, 5, "note ") == 0) {
-            notes.push_back(line.substr(5));
+    Strings out;
+    for (const std::string &call : Calls()) {
+        if (call.compare(0, function.size() + 1, function + "(") == 0) {
+            out.push_back(call);
         }
     }
-    return notes;
+    return out;
 }
 
 void Scripted::ClearRecord() const
@@ -203,9 +188,21 @@ void Scripted::ClearRecord() const
     unlink(record_.c_str());
 }
 
-std::vector<std::pair<std::string, OvraKb::StrMap>> ErrorReports()
+std::string Script(const std::string &function, const std::string &answer)
 {
-    std::vector<std::pair<std::string, OvraKb::StrMap>> out;
+    std::string escaped;
+    for (char c : answer) {
+        if (c == '"' || c == '\\') {
+            escaped += '\\';
+        }
+        escaped += c;
+    }
+    return "{\"" + function + "\": [\"" + escaped + "\"]}";
+}
+
+Reports ErrorReports()
+{
+    Reports out;
     for (const ErrorManager::Report &report : ErrorManager::GetInstance().GetReports()) {
         out.emplace_back(report.errCode, report.args);
     }
@@ -217,18 +214,12 @@ void ClearErrorReports()
     ErrorManager::GetInstance().ClearReports();
 }
 
-long ResidentBytes()
+void ScriptedTest::SetUp()
 {
-    long pages = 0;
-    long resident = 0;
-    FILE *statm = fopen("/proc/self/statm", "r");
-    if (statm != nullptr) {
-        if (fscanf(statm, "%ld %ld", &pages, &resident) != 2) {
-            resident = 0;
-        }
-        fclose(statm);
-    }
-    return resident * sysconf(_SC_PAGESIZE);
+    PutPythonFirstOnPath(dir_, TestPython());
+    UsePackages({"kb", "log"});
+    ClearErrorReports();
+    LogCapture::Clear();
 }
 
 }  // namespace OvraTest

@@ -1,9 +1,9 @@
 #ifndef OVRA_KB_TESTS_TEST_ENV_H
 #define OVRA_KB_TESTS_TEST_ENV_H
 
-#include <cstdint>
+#include <gtest/gtest.h>
+
 #include <initializer_list>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -21,8 +21,15 @@ inline const StrMap OP = {{"op_type", "Add"}};
 
 // The Python interpreter the tests run against: $OVRA_TEST_PYTHON, else the build's default.
 std::string TestPython();
-// Directory of the Python test packages (tests/pypkgs).
-std::string PackagesDir();
+// Version of the test interpreter as major * 100 + minor (311 for 3.11), and its full version text.
+int TestPythonVersion();
+std::string TestPythonVersionText();
+// First line printed by a shell command, without its line end.
+std::string FirstLineOf(const std::string &command);
+// A sysconfig variable of `python` ("LIBDIR", "LDLIBRARY").
+std::string PythonConfig(const std::string &python, const std::string &variable);
+// Opens the test interpreter's runtime library into the global scope, as a host that embeds Python does.
+void *OpenRuntimeGlobally();
 // Directory of the build's test fixtures (stub libraries).
 std::string FixturesBinaryDir();
 
@@ -41,69 +48,51 @@ class TempDir {
 };
 
 void WriteFile(const std::string &path, const std::string &text, bool executable = false);
-std::string ReadFile(const std::string &path);
-std::vector<std::string> ReadLines(const std::string &path);
+Strings ReadLines(const std::string &path);
 void PrependToPath(const std::string &dir);
-
-// Puts `python` first on the search path under the name python3 (through a symlink in `dir`).
+// Puts `python` first on the search path under the name python3, through a script that counts its runs.
 void PutPythonFirstOnPath(const TempDir &dir, const std::string &python);
-// Puts a python3 that appends one line to `counterFile` for each run and then runs `python`.
-void PutCountingPythonFirstOnPath(const TempDir &dir, const std::string &python, const std::string &counterFile);
+size_t PythonRuns(const TempDir &dir);
 // PYTHONPATH made of the support module and the named package directories of tests/pypkgs, in order.
 void UsePackages(std::initializer_list<std::string> packages);
-
 // PYTHONPATH holding the reference knowledge-base package (python/).
 void UseReferencePackage();
-// Version of the test interpreter as major * 100 + minor (311 for 3.11), and its full version text.
-int TestPythonVersion();
-std::string TestPythonVersionText();
-// The resident set of this process, in bytes.
-long ResidentBytes();
-// Whether AddressSanitizer watches this build: its quarantine keeps freed memory resident for a while.
-constexpr bool UnderAddressSanitizer()
-{
-#if defined(__SANITIZE_ADDRESS__)
-    return true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-    return true;
-#else
-    return false;
-#endif
-#else
-    return false;
-#endif
-}
-// First line printed by a shell command, without its line end.
-std::string FirstLineOf(const std::string &command);
-
 // The scripted test packages: what the module answers (a JSON script) and what it received.
-struct RecordedCall {
-    std::int64_t nanoseconds = 0;
-    std::uint64_t thread = 0;
-    std::string call;  // name(repr of each argument)
-};
-
 class Scripted {
   public:
     explicit Scripted(const TempDir &dir);
     // Replaces the script: a JSON object from function name to a list of Python expressions.
     void SetScript(const std::string &json) const;
-    std::vector<RecordedCall> Calls() const;
-    // Only the calls of one function, as text.
-    std::vector<std::string> CallsOf(const std::string &function) const;
-    // The texts of the module's note(...) lines, in order.
-    std::vector<std::string> Notes() const;
+    // The calls, as name(repr of each argument), and the texts of the module's note(...), in order.
+    Strings Calls() const { return Record(false); }
+    Strings CallsOf(const std::string &function) const;
+    Strings Notes() const { return Record(true); }
     void ClearRecord() const;
 
   private:
+    Strings Record(bool notes) const;
+
     std::string script_;
     std::string record_;
 };
 
+// A script that gives `answer`, a Python expression, to every call of `function`.
+std::string Script(const std::string &function, const std::string &answer);
+
 // Error reports the platform library kept, as (code, details).
-std::vector<std::pair<std::string, OvraKb::StrMap>> ErrorReports();
+using Reports = std::vector<std::pair<std::string, StrMap>>;
+Reports ErrorReports();
 void ClearErrorReports();
+
+// A test against the scripted packages, with the test interpreter first on the search path.
+class ScriptedTest : public ::testing::Test {
+  protected:
+    void SetUp() override;
+    size_t Queries() const { return PythonRuns(dir_); }
+
+    TempDir dir_;
+    Scripted scripted_{dir_};
+};
 
 }  // namespace OvraTest
 

@@ -2,13 +2,12 @@
 
 A test writes a JSON script to the file named by OVRA_TEST_SCRIPT: for each function
 name, a list of Python expressions that give the answers of successive calls (the last
-one repeats). An expression sees `args` (the call's arguments), `state` (a dict shared by
-all calls) and the helpers below; `fail(exc)` raises. Without a script entry a function
-gives its default answer.
+one repeats). An expression sees `args` (the call's arguments), `default()` (the answer
+without a script), and this module's names: `state` (a dict shared by all calls), the
+helpers below, `sys` and `time`.
 
-Every call appends one line to the file named by OVRA_TEST_RECORD:
-    <monotonic ns> <thread ident> <function>(<repr of each argument>)
-and `note(text)` adds "note <text>" lines.
+Every call appends the line "<function>(<repr of each argument>)" to the file named by
+OVRA_TEST_RECORD, and `note(text)` adds "note <text>" lines.
 """
 import gc
 import json
@@ -132,14 +131,9 @@ def _write_record(line):
             handle.write(line)
 
 
-def _record(name, args):
-    now = time.monotonic_ns() if hasattr(time, "monotonic_ns") else int(time.monotonic() * 1e9)
-    _write_record("%d %d %s(%s)\n" % (now, threading.get_ident(), name, ", ".join(repr(a) for a in args)))
-
-
 def call(name, args, default):
     """Records the call and gives the scripted answer (or `default`)."""
-    _record(name, args)
+    _write_record("%s(%s)\n" % (name, ", ".join(repr(a) for a in args)))
     answers = _script().get(name)
     if not answers:
         return default(*args)
@@ -147,10 +141,4 @@ def call(name, args, default):
         index = _calls.get(name, 0)
         _calls[name] = index + 1
     expression = answers[min(index, len(answers) - 1)]
-    scope = {"args": args, "state": state, "fail": fail, "BadBool": BadBool, "poll_after": poll_after,
-             "finish_after_ms": finish_after_ms, "note": note, "time": time, "sys": sys,
-             "extra_refs": extra_refs, "tracked_objects": tracked_objects,
-             "traceback_line_lists": traceback_line_lists, "thread_state_serial": thread_state_serial,
-             "live_thread_states": live_thread_states,
-             "default": lambda: default(*args)}
-    return eval(expression, scope)
+    return eval(expression, dict(globals(), args=args, default=lambda: default(*args)))

@@ -1,7 +1,12 @@
-"""Scripted knowledge-base module: records every call and answers as the test's script says."""
+"""Scripted knowledge-base module: records every call and answers as the test's script says.
+With OVRA_TEST_IMPORT_ERROR set, its import raises a RuntimeError that carries an error dictionary."""
+import os
 import threading
 
 from ovra_scripted import call
+
+if os.environ.get("OVRA_TEST_IMPORT_ERROR"):
+    raise RuntimeError({"errCode": "E_KB_IMPORT", "reason": "bank offline"})
 
 _store = {}
 _store_lock = threading.Lock()

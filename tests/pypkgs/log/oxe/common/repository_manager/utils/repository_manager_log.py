@@ -1,4 +1,5 @@
-"""Log module of the scripted test packages."""
+"""Log module of the scripted test packages; OVRA_TEST_LOG_WITHOUT_DICT leaves out get_py_exception_dict."""
+import os
 import traceback
 
 from ovra_scripted import call
@@ -21,3 +22,7 @@ def get_py_exception_str(exc_type, exc_value, exc_tb):
 
 def get_py_exception_dict(exc_type, exc_value, exc_tb):
     return call("get_py_exception_dict", (exc_type, exc_value, exc_tb), _exception_dict)
+
+
+if os.environ.get("OVRA_TEST_LOG_WITHOUT_DICT"):
+    del get_py_exception_dict

@@ -5,7 +5,7 @@ project's instrumented library into its own process.
 
 Each test selected by REGEX (a CTest -R expression) runs as CTest would run it (its command, its
 ENVIRONMENT, WORKING_DIRECTORY and TIMEOUT), except that its interpreter is executed through
-SANITIZED_PYTHON (tests/sanitizers/sanitized_python.cpp) with argv[0] still naming the real
+SANITIZED_PYTHON (scripts/sanitizers/sanitized_python.cpp) with argv[0] still naming the real
 interpreter, and OVRA_KB_PYTHON_RUNTIME naming that interpreter's runtime library. The last line is
 "N passed, N failed"; the exit status is 1 when a test failed or none was selected.
 """
