@@ -146,46 +146,10 @@ time.sleep(120)
             writer.kill()
             writer.communicate()
 
-    def test_a_removed_replaced_or_damaged_database_is_refused(self):
-        db_path = os.path.join(self.bank, sqlite_backend.DB_FILE_NAME)
-
-        def remove():
-            shutil.rmtree(self.bank)
-
-        def replace():
-            os.remove(db_path)
-            sqlite3.connect(db_path).close()
-
-        def damage():
-            interface.ovra_kb_finalize()
-            with open(db_path, "r+b") as db:
-                db.write(b"not a database" * 300)
-
-        for harm, code in ((remove, errors.BANK_PATH_UNUSABLE), (replace, errors.BANK_PATH_UNUSABLE),
-                           (damage, errors.BANK_DAMAGED)):
-            with self.subTest(harm=harm.__name__):
-                self.init()
-                interface.ovra_kb_write("before", "v", ADD, 1)
-                harm()
-                calls = [lambda: interface.ovra_kb_write("k", "v", ADD, 1),
-                         lambda: search("before", "Add")] if harm is not damage else [self.init]
-                for call in calls:
-                    with self.assertKbError(code) as caught:
-                        call()
-                    self.assertIn(("damaged" if harm is damage else "removed or replaced"),
-                                  caught.exception.args[0]["message"])
-                if harm is not damage:
-                    interface.ovra_kb_finalize()
-                    self.init()  # a new start opens the bank anew
-                    self.assertEqual(interface.ovra_kb_write("after", "v", ADD, 1), 0)
-                    interface.ovra_kb_finalize()
-                shutil.rmtree(self.bank, True)
-
-    def test_a_new_start_reads_only_what_the_path_holds_now(self):
+    def test_a_database_that_goes_is_refused_until_the_bank_is_opened_anew_which_reads_only_what_is_there(self):
         # The -wal and -shm files of a database removed or replaced while open stay under their names; the
         # next database at that path must not take them for its own journal (and so mix in the old records).
-        db_path = os.path.join(self.bank, sqlite_backend.DB_FILE_NAME)
-        other = os.path.join(self.tmp, "other")
+        db_path, other = os.path.join(self.bank, sqlite_backend.DB_FILE_NAME), os.path.join(self.tmp, "other")
 
         def other_bank():
             backend = open_backend(other)
@@ -193,23 +157,38 @@ time.sleep(120)
             backend.close()
             return os.path.join(other, sqlite_backend.DB_FILE_NAME)
 
-        moves = [("directory removed", lambda: shutil.rmtree(self.bank), []),
-                 ("database removed", lambda: os.remove(db_path), []),
-                 ("database replaced", lambda: os.replace(other_bank(), db_path), ["other"])]
-        for name, move, expected in moves:
-            with self.subTest(move=name):
+        def damage():
+            interface.ovra_kb_finalize()
+            with open(db_path, "r+b") as db:
+                db.write(b"not a database" * 300)
+
+        cases = [  # (harm, the calls' refusal until a new start, what a new start then finds; None: no start)
+            ("directory removed", lambda: shutil.rmtree(self.bank), errors.BANK_PATH_UNUSABLE, []),
+            ("database removed", lambda: os.remove(db_path), errors.BANK_PATH_UNUSABLE, []),
+            ("database replaced", lambda: os.replace(other_bank(), db_path), errors.BANK_PATH_UNUSABLE, ["other"]),
+            ("database damaged", damage, errors.BANK_DAMAGED, None),
+        ]
+        for name, harm, code, found in cases:
+            with self.subTest(name):
                 shutil.rmtree(self.bank, True)
                 shutil.rmtree(other, True)
                 self.init()
                 interface.ovra_kb_write("old", "v", ADD, 0)
-                move()
-                self.init()  # a second user, or the same one again: the bank is opened anew
-                interface.ovra_kb_write("new", "v", ADD, 1)
-                for _ in range(2):
+                harm()
+                for call in [lambda: interface.ovra_kb_write("k", "v", ADD, 1), lambda: search("old", "Add")] \
+                        if found is not None else [self.init]:
+                    with self.assertKbError(code) as caught:
+                        call()
+                    self.assertIn("damaged" if found is None else "removed or replaced",
+                                  caught.exception.args[0]["message"])
+                if found is not None:
+                    self.init()  # a second user, or the same one again: the bank is opened anew
+                    interface.ovra_kb_write("new", "v", ADD, 1)
+                    for _ in range(2):
+                        interface.ovra_kb_finalize()
+                    self.init()
+                    self.assertEqual(keywords(search("", "Add", "all")), sorted(found + ["new"]))
                     interface.ovra_kb_finalize()
-                self.init()
-                self.assertEqual(keywords(search("", "Add", "all")), sorted(expected + ["new"]))
-                interface.ovra_kb_finalize()
 
     def test_a_write_whose_file_goes_during_the_commit_is_not_acknowledged(self):
         self.init()
