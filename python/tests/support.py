@@ -49,21 +49,19 @@ def config(op_type, search_type=None):
 
 
 def wait_for(handle, timeout=30.0):
-    """Poll a search as the native library does; return (polls, rows)."""
+    """Poll a search as the native library does, every millisecond; return its rows."""
     deadline = time.monotonic() + timeout
-    polls = 0
     while True:
         finished, rows = interface.ovra_kb_search_get(handle)
-        polls += 1
         if finished:
-            return polls, rows
+            return rows
         if time.monotonic() > deadline:
             raise AssertionError("search %s did not finish in %.0f s" % (handle, timeout))
         time.sleep(0.001)
 
 
 def search(keyword, op_type, search_type=None):
-    return wait_for(interface.ovra_kb_search_async(keyword, config(op_type, search_type)))[1]
+    return wait_for(interface.ovra_kb_search_async(keyword, config(op_type, search_type)))
 
 
 def keywords(rows):

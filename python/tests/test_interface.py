@@ -177,7 +177,7 @@ class OperationTest(KbTestCase):
             for _ in range(3):
                 self.assertEqual([interface.ovra_kb_search_get(h) for h in (found, failed)], [(False, [])] * 2)
             gate.set()
-            self.assertEqual(keywords(wait_for(found)[1]), ["a1", "c"])
+            self.assertEqual(keywords(wait_for(found)), ["a1", "c"])
             with self.assertKbError(errors.INTERNAL_ERROR) as caught:
                 wait_for(failed)
         self.assertIn("disk on fire", caught.exception.args[0]["message"])
