@@ -20,7 +20,7 @@ from oxe.common.repository_manager.storage import open_backend, postgres_backend
 from oxe.common.repository_manager.storage.postgres_backend import _Target, redact_location
 
 from tests import pg_support, test_interface
-from tests.support import ADD, CHILD_PRELUDE, SCOPE, SYS, KbTestCase, keywords, search, start_python, wait_for
+from tests.support import ADD, SCOPE, SYS, KbTestCase, keywords, search, wait_for
 from tests.test_storage import BankContract
 
 SERVER_SKIP = pg_support.skip_reason()
@@ -89,15 +89,6 @@ class PostgresBankTest(ServerTestCase, BankContract):
         with self.assertKbError(errors.BANK_PATH_UNUSABLE, self.secret):
             interface.ovra_kb_init(SYS, {"op_bank_path": self.location})
         self.assertEqual(self.schema.execute("SELECT to_regclass('ovra_kb_meta')::text"), [(None,)])
-
-    def test_processes_create_one_bank_at_once(self):
-        children = [start_python(CHILD_PRELUDE + 'kb.ovra_kb_write("from-%s" % sys.argv[2], "v", ADD, 1)\n'
-                                                 'kb.ovra_kb_finalize()\n', self.location, n) for n in range(4)]
-        for child in children:
-            out, err = child.communicate(timeout=120)
-            self.assertEqual(child.returncode, 0, err)
-        self.assertEqual(self.schema.execute("SELECT keyword FROM ovra_kb_records ORDER BY keyword"),
-                         [("from-%d" % n,) for n in range(4)])
 
     def test_the_flag_chooses_the_commit_kind_and_fast_writes_are_seen_at_once(self):
         backend, reader = self.open(), self.open()
@@ -191,7 +182,8 @@ class PostgresBankTest(ServerTestCase, BankContract):
 
 
 class PostgresOperationTest(ServerTestCase, test_interface.OperationTest):
-    pass
+    # A fork on a server bank is tested above, with what it must leave of the parent's connections.
+    test_a_forked_child_searches_and_writes_while_the_parent_is_busy = None
 
 
 class ConnectionTest(ServerTestCase):
@@ -351,9 +343,10 @@ class TlsTest(ServerTestCase):
 
 
 if __name__ == "__main__":
-    if sys.argv[1:] == ["--list"]:  # the cases, for CTest (tests/postgres)
+    if sys.argv[1:] == ["--list"]:  # the server's cases, for CTest (tests/postgres)
         for group in unittest.defaultTestLoader.loadTestsFromModule(sys.modules[__name__]):
             for test in group:
-                print(test.id().split(".", 1)[1])
+                if isinstance(test, ServerTestCase):
+                    print(test.id().split(".", 1)[1])
     else:
         unittest.main()
