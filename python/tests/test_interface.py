@@ -7,16 +7,9 @@ import traceback
 import unittest.mock
 
 from oxe.common.repository_manager import errors, interface
-from oxe.common.repository_manager.storage import sqlite_backend
 from oxe.common.repository_manager.tasks import WorkerPool
 
-from tests.support import SYS, KbTestCase, run_python, search, wait_for
-
-ADD = {"op_type": "Add"}
-
-
-def config(op_type, search_type):
-    return {"op_type": op_type, "return_type": "str", "search_type": search_type}
+from tests.support import ADD, CHILD_PRELUDE, SYS, KbTestCase, config, keywords, run_python, search, wait_for
 
 
 def worker_threads():
@@ -42,71 +35,58 @@ class LifecycleTest(KbTestCase):
         ]
         for sys_dict, load_dict, code in cases:
             with self.subTest(sys_dict=sys_dict, load_dict=load_dict):
-                with self.assertKbError(code) as caught:
+                with self.assertKbError(code, "secret"):
                     interface.ovra_kb_init(sys_dict, load_dict or {"op_bank_path": self.bank})
-                self.assertNotIn("secret", str(caught.exception))
         # No refusal counted as an initialisation, and nothing works before one.
-        for call in (lambda: interface.ovra_kb_write("k", "v", ADD, 0),
-                     lambda: interface.ovra_kb_delete("k", ADD, 0),
+        for call in (lambda: interface.ovra_kb_write("k", "v", ADD, 0), lambda: interface.ovra_kb_delete("k", ADD, 0),
                      lambda: interface.ovra_kb_search_async("k", config("Add", "all"))):
             with self.assertKbError(errors.NOT_INITIALISED):
                 call()
 
-    def test_init_count_and_finalize_without_init(self):
+    def test_init_count_finalize_without_init_and_a_restart(self):
         interface.ovra_kb_finalize()
         interface.ovra_kb_finalize()
         for _ in range(2):
             result = interface.ovra_kb_init(dict(SYS), {"op_bank_path": self.bank})
-            self.assertIs(type(result), int)
-            self.assertEqual(result, 0)
+            self.assertEqual((type(result), result), (int, 0))
         interface.ovra_kb_finalize()
         self.assertEqual(interface.ovra_kb_write("k", "v", ADD, 1), 0)
+        self.assertEqual(len(search("", "Add", "all")), 1)
+        self.assertTrue(worker_threads())
+        pending = interface.ovra_kb_search_async("k", config("Add"))
         interface.ovra_kb_finalize()
+        self.assertEqual(worker_threads(), [])
         interface.ovra_kb_finalize()
         with self.assertKbError(errors.NOT_INITIALISED):
             interface.ovra_kb_write("k", "v", ADD, 0)
         self.init()  # the count never went below zero: one init is enough again
-        self.assertEqual([r["knowledge"] for r in search("k", "Add")], ["v"])
-
-    def test_latest_init_configuration_is_in_force(self):
-        other_bank = os.path.join(self.tmp, "other")
-        self.init(soc_version="ChipA")
-        interface.ovra_kb_write("k", "from A", ADD, 0)
-        self.init(soc_version="ChipB", core_num="032")
-        interface.ovra_kb_write("k", "from B", ADD, 0)
-        for bank, soc, expected in ((other_bank, "ChipA", []), (None, "ChipA", ["from A"]),
-                                    (None, "ChipB", ["from B"])):
-            self.init(bank=bank, soc_version=soc)
-            self.assertEqual([r["knowledge"] for r in search("k", "Add")], expected)
-
-    def test_init_finalize_init_again(self):
-        self.init()
-        interface.ovra_kb_write("kept", "v", ADD, 0)
-        self.assertEqual(len(search("", "Add", "all")), 1)
-        self.assertTrue(worker_threads())
-        pending = interface.ovra_kb_search_async("kept", config("Add", None))
-        interface.ovra_kb_finalize()
-        self.assertEqual(worker_threads(), [])
-        self.init()
         with self.assertKbError(errors.UNKNOWN_TASK):
             interface.ovra_kb_search_get(pending)
-        self.assertEqual([r["keyword"] for r in search("", "Add", "all")], ["kept"])
-        interface.ovra_kb_finalize()
-        self.assertEqual(worker_threads(), [])
+        self.assertEqual([r["knowledge"] for r in search("k", "Add")], ["v"])
 
-    def test_chip_wide_searches_cover_every_chip_of_the_bank(self):
-        for soc, cores, keyword in (("soc-a1", "32", "k1"), ("soc-b2", "16", "k2"), ("soc-b2", "16", "k3")):
+    def test_the_latest_init_chooses_bank_and_chip_and_chip_wide_searches_see_every_chip(self):
+        for soc, cores, op_type, keyword in (("soc-a1", "32", "Add", "k1"), ("soc-b2", "016", "Add", "k2"),
+                                             ("soc-b2", "16", "Mul", "k3")):
             self.init(soc_version=soc, core_num=cores)
-            interface.ovra_kb_write(keyword, "v", ADD if keyword != "k3" else {"op_type": "Mul"}, 0)
-        self.assertEqual([(r["soc_version"], r["keyword"]) for r in search("", "*", "all_chips")],
-                         [("soc-a1", "k1"), ("soc-b2", "k2"), ("soc-b2", "k3")])
-        self.assertEqual([r["keyword"] for r in search("", "Mul", "all_chips")], ["k3"])
+            interface.ovra_kb_write(keyword, soc, {"op_type": op_type}, 0)
+        cases = [  # (bank, chip, op_type, search type, (soc_version, keyword) of each row)
+            (os.path.join(self.tmp, "other"), ("soc-b2", "16"), "*", "all", []),
+            (None, ("soc-b2", "16"), "*", "all", [("soc-b2", "k2"), ("soc-b2", "k3")]),
+            (None, ("soc-a1", "32"), "*", "all", [("soc-a1", "k1")]),
+            (None, ("soc-a1", "32"), "*", "all_chips", [("soc-a1", "k1"), ("soc-b2", "k2"), ("soc-b2", "k3")]),
+            (None, ("soc-a1", "32"), "Mul", "all_chips", [("soc-b2", "k3")]),
+        ]
+        for bank, (soc, cores), op_type, search_type, expected in cases:
+            with self.subTest(bank=bank, soc=soc, op_type=op_type, search_type=search_type):
+                self.init(bank=bank, soc_version=soc, core_num=cores)
+                self.assertEqual([(r["soc_version"], r["keyword"]) for r in search("", op_type, search_type)], expected)
         self.assertEqual(search("", "*", "chips"), [{"soc_version": "soc-a1", "core_num": "32", "records": "1"},
                                                     {"soc_version": "soc-b2", "core_num": "16", "records": "2"}])
-        self.assertEqual([r["keyword"] for r in search("", "*", "all")], ["k2", "k3"], "all stays on one chip")
 
 
 class OperationTest(KbTestCase):
+    """The operations on an initialised bank (the PostgreSQL variant is in test_postgres.py)."""
+
     def setUp(self):
         super(OperationTest, self).setUp()
         self.init()
@@ -129,8 +109,6 @@ class OperationTest(KbTestCase):
                 for row in rows:
                     self.assertEqual(row["knowledge"], "%s/%s" % (row["op_type"], row["keyword"]))
                     self.assertEqual((row["soc_version"], row["core_num"]), ("soc-a1", "32"))
-        self.init(soc_version="Other")  # "*" stays within the current chip
-        self.assertEqual(search("", "*", "all"), [])
 
     def test_write_replace_delete(self):
         for flag in (0, 1, True, False):
@@ -148,7 +126,7 @@ class OperationTest(KbTestCase):
             (lambda: write("k", "v", {"op_type": "*"}, 0), errors.INVALID_OP_TYPE),
             (lambda: delete("k", {"op_type": 3}, 0), errors.INVALID_OP_TYPE),
             (lambda: start("k", config("*", "prefix")), errors.INVALID_OP_TYPE),
-            (lambda: start("k", config("", None)), errors.INVALID_OP_TYPE),
+            (lambda: start("k", config("")), errors.INVALID_OP_TYPE),
             (lambda: start("k", config("Add", "fuzzy")), errors.UNKNOWN_SEARCH_TYPE),
             (lambda: start("k", config("Add", "EXACT")), errors.UNKNOWN_SEARCH_TYPE),
             (lambda: write("k", "v", "Add", 0), errors.INVALID_ARGUMENT),
@@ -157,9 +135,8 @@ class OperationTest(KbTestCase):
             (lambda: write("k", "v", ADD, 2), errors.INVALID_ARGUMENT),
             (lambda: delete("k", ADD, "1"), errors.INVALID_ARGUMENT),
             (lambda: write("k\ud800", "v", ADD, 0), errors.INVALID_ARGUMENT),
-            (lambda: start("k", {"op_type": "Add", "return_type": "list", "search_type": None}),
-             errors.INVALID_ARGUMENT),
-            (lambda: start(None, config("Add", None)), errors.INVALID_ARGUMENT),
+            (lambda: start("k", dict(config("Add"), return_type="list")), errors.INVALID_ARGUMENT),
+            (lambda: start(None, config("Add")), errors.INVALID_ARGUMENT),
         ] + [(lambda h=handle: interface.ovra_kb_search_get(h), errors.UNKNOWN_TASK)
              for handle in ("", "no-such-task", None, 17)]
         for number, (call, code) in enumerate(cases):
@@ -181,39 +158,32 @@ class OperationTest(KbTestCase):
                 with self.assertKbError(errors.UNKNOWN_TASK):
                     interface.ovra_kb_search_get(handle)
         # More prefix matches than are answered at once: the worker returns them all.
-        self.assertEqual([r["keyword"] for r in search("p", "Add", "prefix")], ["p%05d" % n for n in range(count)])
+        self.assertEqual(keywords(search("p", "Add", "prefix")), ["p%05d" % n for n in range(count)])
 
-    def test_scans_finish_later_on_a_worker_thread(self):
-        gate = threading.Event()
-        seen = []
-        original_all = sqlite_backend.SqliteBackend.all
+    def test_scans_finish_later_on_a_worker_thread_and_a_failed_one_raises_at_the_poll(self):
+        gate, seen = threading.Event(), []
+        backend_type = type(interface._KB.session.backend)
+        real_all = backend_type.all
 
         def gated_all(backend, scope, op_type):
             seen.append(threading.current_thread())
             gate.wait(30)
-            return original_all(backend, scope, op_type)
+            if op_type == "Add":
+                raise ValueError("disk on fire")
+            return real_all(backend, scope, op_type)
 
-        with unittest.mock.patch.object(sqlite_backend.SqliteBackend, "all", gated_all):
-            handle = interface.ovra_kb_search_async("", config("Mul", "all"))
+        with unittest.mock.patch.object(backend_type, "all", gated_all):
+            found, failed = (interface.ovra_kb_search_async("", config(op_type, "all")) for op_type in ("Mul", "Add"))
             for _ in range(3):
-                self.assertEqual(interface.ovra_kb_search_get(handle), (False, []))
+                self.assertEqual([interface.ovra_kb_search_get(h) for h in (found, failed)], [(False, [])] * 2)
             gate.set()
-            self.assertEqual([r["keyword"] for r in wait_for(handle)[1]], ["a1", "c"])
-        self.assertEqual(len(seen), 1)
-        self.assertIsNot(seen[0], threading.current_thread())
-        self.assertTrue(seen[0].daemon)
-
-    def test_failed_scan_raises_at_the_poll_and_is_forgotten(self):
-        def broken_all(backend, scope, op_type):
-            raise ValueError("disk on fire")
-
-        with unittest.mock.patch.object(sqlite_backend.SqliteBackend, "all", broken_all):
-            handle = interface.ovra_kb_search_async("", config("Add", "all"))
+            self.assertEqual(keywords(wait_for(found)), ["a1", "c"])
             with self.assertKbError(errors.INTERNAL_ERROR) as caught:
-                wait_for(handle)
+                wait_for(failed)
         self.assertIn("disk on fire", caught.exception.args[0]["message"])
         with self.assertKbError(errors.UNKNOWN_TASK):
-            interface.ovra_kb_search_get(handle)
+            interface.ovra_kb_search_get(failed)
+        self.assertEqual([(t is threading.current_thread(), t.daemon) for t in seen], [(False, True)] * 2)
 
     def test_many_threads_searching_and_writing(self):
         failures = []
@@ -223,8 +193,7 @@ class OperationTest(KbTestCase):
                 for item in range(40):
                     keyword = "t%d_%d" % (number, item)
                     interface.ovra_kb_write(keyword, keyword, ADD, int(item % 20 == 0))
-                    rows = search(keyword, "Add", ("exact", "prefix", "all")[item % 3])
-                    if keyword not in [r["keyword"] for r in rows]:
+                    if keyword not in keywords(search(keyword, "Add", ("exact", "prefix", "all")[item % 3])):
                         failures.append(keyword)
             except Exception as exc:  # reported below
                 failures.append(repr(exc))
@@ -238,66 +207,8 @@ class OperationTest(KbTestCase):
         self.assertEqual(len(search("t", "Add", "prefix")), 240)
         self.assertEqual(len(interface._KB.tasks), 0)
 
-    def test_a_refused_call_keeps_none_of_its_arguments_alive(self):
-        knowledge = "x" * 100000
-        try:
-            interface.ovra_kb_write("k", knowledge, {"op_type": "*"}, 1)
-        except RuntimeError as raised:
-            refused = raised
-        self.assertEqual(errors.error_info(refused)["errCode"], errors.INVALID_OP_TYPE)
-        # The frames below this test's own, as the native library keeps them with the exception.
-        exc, held = refused, []
-        while exc is not None:
-            tb = exc.__traceback__.tb_next if exc is refused else exc.__traceback__
-            held += [v for frame, _ in traceback.walk_tb(tb) for v in frame.f_locals.values()]
-            exc = exc.__context__
-        self.assertFalse(any(value is knowledge for value in held))
-        self.assertGreater(len(traceback.format_tb(refused.__traceback__)), 2, "where it failed still shows")
-
-    @unittest.skipUnless(hasattr(os, "register_at_fork"), "a fork while another thread is in a call is made safe "
-                         "only where Python runs fork hooks (3.7 and later)")
-    def test_a_forked_child_searches_and_writes_while_the_parent_is_busy(self):
-        out = run_python("""
-            import os, signal, sys, threading, time
-            from oxe.common.repository_manager import interface as kb
-            kb.ovra_kb_init({"soc_version": "soc-a1", "core_num": "32"}, {"op_bank_path": sys.argv[1]})
-            cfg = {"op_type": "Add", "return_type": "str", "search_type": "all"}
-            busy = threading.Event()
-            def writer():
-                while not busy.is_set():
-                    kb.ovra_kb_write("parent", "p", {"op_type": "Add"}, 0)
-            threading.Thread(target=writer, daemon=True).start()
-            def poll(handle):
-                while True:
-                    done, rows = kb.ovra_kb_search_get(handle)
-                    if done:
-                        return rows
-                    time.sleep(0.001)
-            poll(kb.ovra_kb_search_async("", cfg))  # the worker pool runs
-            for n in range(5):
-                pid = os.fork()
-                if pid == 0:
-                    signal.alarm(20)  # a child that hangs ends by the alarm
-                    kb.ovra_kb_write("child%d" % n, "c", {"op_type": "Add"}, 1)
-                    rows = poll(kb.ovra_kb_search_async("", cfg))
-                    kb.ovra_kb_finalize()
-                    os._exit(0 if "child%d" % n in [r["keyword"] for r in rows] else 1)
-                status = os.waitpid(pid, 0)[1]
-                print(os.WEXITSTATUS(status) if os.WIFEXITED(status) else "signal%d" % os.WTERMSIG(status))
-            busy.set()
-            kb.ovra_kb_finalize()
-        """, self.bank)
-        self.assertEqual(out.split(), ["0"] * 5)
-        self.init()
-        self.assertEqual(len(search("child", "Add", "prefix")), 5)
-
-
-
-class RefusedCallsKeepNothingTest(KbTestCase):
-    """The native library keeps every error it reports: none may keep a large argument of its call alive."""
-
-    def test_a_refusal_keeps_no_large_argument_alive(self):
-        self.init()
+    def test_a_refusal_keeps_no_large_argument_of_its_call_alive(self):
+        # The native library keeps every error it reports, with its traceback, for the life of the process.
         write, start = interface.ovra_kb_write, interface.ovra_kb_search_async
 
         def failing_write(backend, scope, op_type, keyword, knowledge, durable):
@@ -312,7 +223,7 @@ class RefusedCallsKeepNothingTest(KbTestCase):
             ("search type quoted", "s" * 100000, lambda h: start("k", config("Add", h.pop())),
              errors.UNKNOWN_SEARCH_TYPE),
             ("core_num quoted", "7x" * 50000, lambda h: interface.ovra_kb_init(
-                {"soc_version": "s", "core_num": h.pop()}, {"op_bank_path": self.bank}), errors.INVALID_CORE_NUM),
+                {"soc_version": "s", "core_num": h.pop()}, {"op_bank_path": self.location}), errors.INVALID_CORE_NUM),
             ("text that cannot be stored, chained", "\ud800" + "k" * 100000, lambda h: write("k", h.pop(), ADD, 0),
              errors.INVALID_ARGUMENT),
             ("an unexpected error quoting it", "u" * 100000, lambda h: write("k", h.pop(), ADD, 0), None),
@@ -321,16 +232,15 @@ class RefusedCallsKeepNothingTest(KbTestCase):
             with self.subTest(case=name):
                 holder = [big]
                 before = sys.getrefcount(big) - 1  # the list's reference goes to the call
-                patch = unittest.mock.patch.object(sqlite_backend.SqliteBackend, "write", failing_write) \
-                    if code is None else unittest.mock.patch.object(os, "curdir", os.curdir)
                 kept = None
-                with patch:
+                with unittest.mock.patch.object(type(interface._KB.session.backend), "write", failing_write) \
+                        if code is None else unittest.mock.patch.object(os, "curdir", os.curdir):
                     try:
                         call(holder)
                     except Exception as exc:
                         kept = exc
-                if code is not None:
-                    self.assertEqual(errors.error_info(kept)["errCode"], code)
+                self.assertEqual(errors.error_info(kept)["errCode"] if code else None, code)
+                self.assertGreater(len(traceback.format_tb(kept.__traceback__)), 2, "where it failed still shows")
                 # What the library keeps: the exception with its traceback from the package's entry point on
                 # (here the traceback starts with this test's frames, which hold the text themselves).
                 tb = kept.__traceback__
@@ -339,3 +249,37 @@ class RefusedCallsKeepNothingTest(KbTestCase):
                 kept.__traceback__ = tb
                 self.assertEqual(sys.getrefcount(big), before, "the error keeps the argument alive")
                 self.assertLess(len(repr(kept.args)), 3 * errors.DETAIL_LIMIT, "the error quotes it whole")
+
+    @unittest.skipUnless(hasattr(os, "register_at_fork"), "a fork while another thread is in a call is made safe "
+                         "only where Python runs fork hooks (3.7 and later)")
+    def test_a_forked_child_searches_and_writes_while_the_parent_is_busy(self):
+        out = run_python(CHILD_PRELUDE + """
+import signal, threading
+cfg = {"op_type": "Add", "return_type": "str", "search_type": "all"}
+busy = threading.Event()
+def writer():
+    while not busy.is_set():
+        kb.ovra_kb_write("parent", "p", ADD, 0)
+threading.Thread(target=writer, daemon=True).start()
+def poll(handle):
+    while True:
+        done, rows = kb.ovra_kb_search_get(handle)
+        if done:
+            return rows
+        time.sleep(0.001)
+poll(kb.ovra_kb_search_async("", cfg))  # the worker pool runs
+for n in range(5):
+    pid = os.fork()
+    if pid == 0:
+        signal.alarm(20)  # a child that hangs ends by the alarm
+        kb.ovra_kb_write("child%d" % n, "c", ADD, 1)
+        rows = poll(kb.ovra_kb_search_async("", cfg))
+        kb.ovra_kb_finalize()
+        os._exit(0 if "child%d" % n in [r["keyword"] for r in rows] else 1)
+    status = os.waitpid(pid, 0)[1]
+    print(os.WEXITSTATUS(status) if os.WIFEXITED(status) else "signal%d" % os.WTERMSIG(status))
+busy.set()
+kb.ovra_kb_finalize()
+""", self.location)
+        self.assertEqual(out.split(), ["0"] * 5)
+        self.assertEqual(len(search("child", "Add", "prefix")), 5)

@@ -1,177 +1,155 @@
-"""The SQLite bank on its own: records, keys, prefix ranges, query plans, schema."""
+"""The banks on their own: records, keys, prefix ranges, query plans and schema versions, which every backend
+must get alike (BankContract; the PostgreSQL variant is in test_postgres.py), and what only the SQLite bank
+meets: a database removed, replaced or damaged under it, and writers that die."""
 
+import contextlib
 import os
 import shutil
+import signal
 import sqlite3
-import subprocess
-import unittest
 
 from oxe.common.repository_manager import errors, interface
+from oxe.common.repository_manager.errors import error_info
 from oxe.common.repository_manager.storage import open_backend, sqlite_backend
+from oxe.common.repository_manager.storage.base import make_row
 
-from tests.support import SYS, KbTestCase, search
-
-SCOPE = ("soc-a1", "32")
+from tests.support import ADD, CHILD_PRELUDE, SCOPE, SYS, KbTestCase, keywords, run_python, search, start_python
 
 
-class BackendTest(KbTestCase):
-    def setUp(self):
-        super(BackendTest, self).setUp()
-        self.backend = open_backend(self.bank)
-        self.addCleanup(self.backend.close)
+class BankContract(object):
+    """Tests of a backend at ``self.location``; a variant gives ``check_plan(sql, params)``, which fails unless
+    the statement reads the key index in key order, and ``set_schema_version(number)``."""
 
-    def knowledge(self, op_type, keyword, scope=SCOPE):
-        rows = self.backend.exact(scope, op_type, keyword)
-        self.assertLessEqual(len(rows), 1)
-        return rows[0]["knowledge"] if rows else None
+    KEYWORDS = ["", "a", "ab", "abc", "ab%", "ab%c", "ab_", "abXc", "a%", "a_b", "a\\b", "b", "ac", "B", "Z", "_x",
+                "\U0010FFFF", "\U0010FFFFa", "a\U0010FFFF", "a\U0010FFFFz", "\ud7ff", "\ud7ffx", "\ue000",
+                "\u00e9t\u00e9", "\u00e9", "e", "E", "A", "aB", "a b", "a\tb", "\u4e2d\u6587", "'quote", "10", "9"]
+    PREFIXES = ["", "a", "ab", "ab%", "ab_", "a%", "a_", "a\\", "\U0010FFFF", "a\U0010FFFF", "\ud7ff", "\u00e9",
+                "zz", "A", "e", "1"]
 
-    def test_write_replaces_and_delete_is_idempotent(self):
-        for durable, text in ((False, "v1"), (True, "v2"), (False, "\u7b97\u5b50 '%_\n")):
-            self.backend.write(SCOPE, "Add", "k", text, durable)
-            self.assertEqual(self.backend.exact(SCOPE, "Add", "k"), [{
-                "soc_version": "soc-a1", "core_num": "32", "op_type": "Add", "keyword": "k", "knowledge": text}])
-        self.assertTrue(self.backend.delete(SCOPE, "Add", "k", True))
-        self.assertFalse(self.backend.delete(SCOPE, "Add", "k", False))
-        self.assertEqual(self.backend.export_all(), [])
-
-    def test_each_key_part_separates_records(self):
-        keys = [(SCOPE, "Add", "k"), (("soc-b2", "32"), "Add", "k"), (("soc-a1", "8"), "Add", "k"),
-                (SCOPE, "Mul", "k"), (SCOPE, "Add", "K"), (SCOPE, "Add", "k ")]
+    def test_each_key_part_separates_records_and_every_listing_is_in_code_point_order(self):
+        backend = self.open()
+        keys = [(SCOPE, "Add", "k"), (("soc-b2", "32"), "Add", "k"), (("soc-a1", "8"), "Add", "k")] + [
+            (SCOPE, op_type, keyword) for op_type, keyword in (("Mul", "k"), ("Add", "K"), ("Add", "k "), ("op", "k"),
+                                                               ("_Op", "k"), ("\u00c9p", "k"))]
+        rows = []
         for number, (scope, op_type, keyword) in enumerate(keys):
-            self.backend.write(scope, op_type, keyword, "value%d" % number, False)
-        for number, (scope, op_type, keyword) in enumerate(keys):
-            self.assertEqual(self.knowledge(op_type, keyword, scope), "value%d" % number)
-        self.assertEqual([(r["op_type"], r["keyword"]) for r in self.backend.all(SCOPE, None)],
-                         [("Add", "K"), ("Add", "k"), ("Add", "k "), ("Mul", "k")])
-        self.assertEqual(len(self.backend.export_all()), len(keys))
+            rows.append(make_row(scope[0], scope[1], op_type, keyword, "v%d \u7b97 '%%_\n" % number))
+            backend.write(scope, op_type, keyword, "replaced", False)
+            backend.write(scope, op_type, keyword, rows[-1]["knowledge"], number % 2 == 0)
+        for (scope, op_type, keyword), row in zip(keys, rows):
+            self.assertEqual(backend.exact(scope, op_type, keyword), [row])
+        self.assertEqual(backend.exact(SCOPE, "Add", "never"), [])
+        in_key_order = sorted(rows, key=lambda r: (r["soc_version"], r["core_num"], r["op_type"], r["keyword"]))
+        self.assertEqual(backend.export_all(), in_key_order)
+        self.assertEqual(backend.export_all("Add"), [r for r in in_key_order if r["op_type"] == "Add"])
+        self.assertEqual(backend.all(SCOPE, None), [r for r in in_key_order if r["soc_version"] == "soc-a1"
+                                                    and r["core_num"] == "32"])
+        self.assertEqual(backend.chips(), [{"soc_version": soc, "core_num": cores, "records": records} for
+                                           soc, cores, records in (("soc-a1", "32", "7"), ("soc-a1", "8", "1"),
+                                                                   ("soc-b2", "32", "1"))])
+        self.assertTrue(backend.delete(SCOPE, "Add", "k", True))
+        self.assertFalse(backend.delete(SCOPE, "Add", "k", False))
+        self.assertEqual(len(backend.export_all()), len(keys) - 1)
 
     def test_prefix_matches_exactly_the_keywords_starting_with_it(self):
-        keywords = ["", "a", "ab", "abc", "ab%", "ab%c", "ab_", "abXc", "a%", "a_b", "a\\b", "b", "ac",
-                    "\U0010FFFF", "\U0010FFFFa", "a\U0010FFFF", "a\U0010FFFFz", "\ud7ff", "\ud7ffx", "\ue000",
-                    "\u00e9t\u00e9", "\u00e9", "A", "aB"]
-        for keyword in keywords:
-            self.backend.write(SCOPE, "Op", keyword, "v", False)
-        self.backend.write(SCOPE, "Other", "abc", "v", False)
-        for prefix in ["", "a", "ab", "ab%", "ab_", "a%", "a_", "a\\", "\U0010FFFF", "a\U0010FFFF", "\ud7ff",
-                       "\u00e9", "zz", "A"]:
+        backend = self.open()
+        for number, keyword in enumerate(self.KEYWORDS):
+            backend.write(SCOPE, "Op", keyword, "v", number % 3 == 0)
+        backend.write(SCOPE, "Other", "abc", "v", False)
+        for prefix in self.PREFIXES:
             with self.subTest(prefix=prefix):
-                expected = sorted(k for k in keywords if k.startswith(prefix))
-                self.assertEqual([r["keyword"] for r in self.backend.prefix(SCOPE, "Op", prefix)], expected)
-        self.assertEqual([r["keyword"] for r in self.backend.prefix(SCOPE, "Op", "a", 2)], ["a", "a%"])
+                expected = sorted(k for k in self.KEYWORDS if k.startswith(prefix))
+                self.assertEqual(keywords(backend.prefix(SCOPE, "Op", prefix)), expected)
+                self.assertEqual(keywords(backend.prefix(SCOPE, "Op", prefix, 3)), expected[:3])
+        self.assertEqual(keywords(backend.all(SCOPE, "Op")), sorted(self.KEYWORDS))
 
     def test_lookups_use_the_key_index(self):
-        queries = [(sqlite_backend.SQL_EXACT, SCOPE + ("Op", "k")),
-                   (sqlite_backend.SQL_PREFIX_BOUNDED, SCOPE + ("Op", "a", "b", -1)),
-                   (sqlite_backend.SQL_PREFIX_OPEN, SCOPE + ("Op", "a", -1)),
-                   (sqlite_backend.SQL_ALL_OF_TYPE, SCOPE + ("Op",)),
-                   (sqlite_backend.SQL_ALL_OF_SCOPE, SCOPE)]
-        conn = sqlite3.connect(self.backend.db_path)
-        self.addCleanup(conn.close)
-        for sql, params in queries:
+        backend = self.open()
+        limit = backend.NO_LIMIT
+        for sql, params in ((backend.SQL_EXACT, SCOPE + ("Op", "k")), (backend.SQL_ALL_OF_SCOPE, SCOPE),
+                            (backend.SQL_PREFIX_BOUNDED, SCOPE + ("Op", "a", "b", limit)),
+                            (backend.SQL_PREFIX_OPEN, SCOPE + ("Op", "a", limit)),
+                            (backend.SQL_ALL_OF_TYPE, SCOPE + ("Op",))):
             with self.subTest(sql=sql):
-                plan = " ".join(str(row[-1]) for row in conn.execute("EXPLAIN QUERY PLAN " + sql, params))
-                self.assertIn("SEARCH", plan)
-                self.assertNotIn("SCAN", plan)
-                self.assertNotIn("TEMP B-TREE", plan)
+                self.check_plan(sql, params)
+
+    def test_a_newer_schema_is_refused(self):
+        self.open().close()
+        self.set_schema_version(2)
+        with self.assertKbError(errors.SCHEMA_TOO_NEW, self.secret) as caught:
+            interface.ovra_kb_init(SYS, {"op_bank_path": self.location})
+        self.assertIn("version 2", error_info(caught.exception)["message"])
+
+
+class SqliteBankTest(BankContract, KbTestCase):
+    def database(self):
+        return contextlib.closing(sqlite3.connect(os.path.join(self.bank, sqlite_backend.DB_FILE_NAME)))
+
+    def check_plan(self, sql, params):
+        with self.database() as conn:
+            plan = " ".join(str(row[-1]) for row in conn.execute("EXPLAIN QUERY PLAN " + sql, params))
+        self.assertIn("SEARCH", plan)
+        self.assertNotIn("SCAN", plan)
+        self.assertNotIn("TEMP B-TREE", plan)
+
+    def set_schema_version(self, number):
+        with self.database() as conn:
+            conn.execute("PRAGMA user_version=%d" % number)
+
+    def test_an_empty_file_gets_the_current_schema_in_write_ahead_mode(self):
+        os.makedirs(self.bank)
+        with self.database():
+            pass  # an empty file: schema version 0
+        self.open().close()
+        with self.database() as conn:
+            self.assertEqual(conn.execute("PRAGMA journal_mode").fetchone()[0], "wal")
+            self.assertEqual(conn.execute("PRAGMA user_version").fetchone()[0], sqlite_backend.SCHEMA_VERSION)
 
     def test_durable_write_commits_with_full_sync(self):
-        statements = []
-        self.backend._writer.set_trace_callback(lambda statement: statements.append(statement))
-        self.backend.write(SCOPE, "Op", "fast", "v", False)
-        self.backend.write(SCOPE, "Op", "safe", "v", True)
-        compact = [s.lower().replace(" ", "") for s in statements]
-        inserts = [i for i, s in enumerate(compact) if s.startswith("insert")]
+        backend, statements = self.open(), []
+        backend._writer.set_trace_callback(lambda statement: statements.append(statement.lower().replace(" ", "")))
+        backend.write(SCOPE, "Op", "fast", "v", False)
+        backend.write(SCOPE, "Op", "safe", "v", True)
+        inserts = [i for i, s in enumerate(statements) if s.startswith("insert")]
         self.assertEqual(len(inserts), 2)
-        self.assertNotIn("pragmasynchronous=full", compact[:inserts[0]])
-        self.assertEqual(compact[inserts[1] - 1], "pragmasynchronous=full")
-        self.assertEqual(compact[-1], "pragmasynchronous=normal")
+        self.assertNotIn("pragmasynchronous=full", statements[:inserts[0]])
+        self.assertEqual((statements[inserts[1] - 1], statements[-1]),
+                         ("pragmasynchronous=full", "pragmasynchronous=normal"))
 
+    def test_a_directory_bank_never_imports_the_driver_of_a_server_bank(self):
+        out = run_python(CHILD_PRELUDE + """
+kb.ovra_kb_write("k", "v", ADD, 1)
+kb.ovra_kb_finalize()
+print(sorted(m for m in sys.modules if "psycopg" in m or m.endswith("postgres_backend")))
+""", self.bank)
+        self.assertEqual(out.strip(), "[]")
 
-class SchemaTest(KbTestCase):
-    def test_new_and_empty_banks_get_the_current_schema(self):
-        os.makedirs(self.bank)
-        db_path = os.path.join(self.bank, sqlite_backend.DB_FILE_NAME)
-        sqlite3.connect(db_path).close()  # an empty file: schema version 0
-        backend = open_backend(self.bank)
-        backend.write(SCOPE, "Add", "k", "v", False)
-        backend.close()
-        conn = sqlite3.connect(db_path)
-        self.addCleanup(conn.close)
-        self.assertEqual(conn.execute("PRAGMA journal_mode").fetchone()[0], "wal")
-        self.assertEqual(conn.execute("PRAGMA user_version").fetchone()[0], sqlite_backend.SCHEMA_VERSION)
-        conn.execute("PRAGMA user_version=%d" % (sqlite_backend.SCHEMA_VERSION + 1))
-        with self.assertKbError(errors.SCHEMA_TOO_NEW):
-            open_backend(self.bank)
-
-
-class DamagedBankTest(KbTestCase):
-    """A bank whose file goes, breaks or cannot be written: a clear error, and nothing acknowledged."""
-
-    def test_a_removed_replaced_or_damaged_database_is_refused(self):
-        db_path = os.path.join(self.bank, sqlite_backend.DB_FILE_NAME)
-
-        def remove():
-            shutil.rmtree(self.bank)
-
-        def replace():
-            os.remove(db_path)
-            sqlite3.connect(db_path).close()
-
-        def damage():
-            interface.ovra_kb_finalize()
-            with open(db_path, "r+b") as db:
-                db.write(b"not a database" * 300)
-
-        for harm, code in ((remove, errors.BANK_PATH_UNUSABLE), (replace, errors.BANK_PATH_UNUSABLE),
-                           (damage, errors.BANK_DAMAGED)):
-            with self.subTest(harm=harm.__name__):
+    def test_records_survive_a_writer_killed_at_any_time(self):
+        writer = start_python(CHILD_PRELUDE + """
+kb.ovra_kb_write("fast", "flag0", ADD, 0)
+kb.ovra_kb_write("safe", "flag1", ADD, 1)
+kb.ovra_kb_write("gone", "x", ADD, 0)
+kb.ovra_kb_delete("gone", ADD, 0)
+print("written", flush=True)
+time.sleep(120)
+""", self.bank)
+        try:
+            self.assertEqual(writer.stdout.readline().strip(), "written", "the writer failed")
+            for _ in range(2):  # while the writer lives, and after it is killed
                 self.init()
-                interface.ovra_kb_write("before", "v", {"op_type": "Add"}, 1)
-                harm()
-                calls = [lambda: interface.ovra_kb_write("k", "v", {"op_type": "Add"}, 1),
-                         lambda: search("before", "Add")] if harm is not damage else [self.init]
-                for call in calls:
-                    with self.assertKbError(code) as caught:
-                        call()
-                    self.assertIn(("damaged" if harm is damage else "removed or replaced"),
-                                  caught.exception.args[0]["message"])
-                if harm is not damage:
-                    interface.ovra_kb_finalize()
-                    self.init()  # a new start opens the bank anew
-                    self.assertEqual(interface.ovra_kb_write("after", "v", {"op_type": "Add"}, 1), 0)
-                    interface.ovra_kb_finalize()
-                shutil.rmtree(self.bank, True)
+                self.assertEqual(sorted((r["keyword"], r["knowledge"]) for r in search("", "Add", "all")),
+                                 [("fast", "flag0"), ("safe", "flag1")])
+                interface.ovra_kb_finalize()
+                writer.send_signal(signal.SIGKILL)
+                writer.wait()
+        finally:
+            writer.kill()
+            writer.communicate()
 
-    def test_a_bank_that_cannot_be_opened_leaves_nothing_behind(self):
-        for location, code in ((os.path.join(self.tmp, "a", "b" * 600, "bank"), errors.BANK_PATH_UNUSABLE),):
-            with self.assertKbError(code) as caught:
-                interface.ovra_kb_init(SYS, {"op_bank_path": location})
-            self.assertIn("too long", caught.exception.args[0]["message"])
-            self.assertEqual(os.listdir(self.tmp), [])
-
-    @unittest.skipUnless(hasattr(os, "geteuid") and os.geteuid() == 0, "needs root for a read-only bind mount")
-    def test_a_bank_on_read_only_storage_is_searched_and_exported_but_not_changed(self):
-        self.init()
-        interface.ovra_kb_write("kept", "v", {"op_type": "Add"}, 1)
-        interface.ovra_kb_finalize()
-        mount = os.path.join(self.tmp, "read_only")
-        os.makedirs(mount)
-        if subprocess.call(["mount", "--bind", "-o", "ro", self.bank, mount], stderr=subprocess.DEVNULL) != 0 or \
-                os.access(mount, os.W_OK):
-            subprocess.call(["umount", mount], stderr=subprocess.DEVNULL)
-            self.skipTest("this machine refuses a read-only bind mount")
-        self.addCleanup(subprocess.call, ["umount", mount])
-        self.addCleanup(interface.ovra_kb_finalize)  # before the unmount: the bank must be closed
-        self.init(bank=mount)
-        self.assertEqual([r["keyword"] for r in search("", "*", "all_chips")], ["kept"])
-        with self.assertKbError(errors.BANK_READ_ONLY):
-            interface.ovra_kb_write("new", "v", {"op_type": "Add"}, 1)
-
-    def test_a_new_start_reads_only_what_the_path_holds_now(self):
+    def test_a_database_that_goes_is_refused_until_the_bank_is_opened_anew_which_reads_only_what_is_there(self):
         # The -wal and -shm files of a database removed or replaced while open stay under their names; the
         # next database at that path must not take them for its own journal (and so mix in the old records).
-        db_path = os.path.join(self.bank, sqlite_backend.DB_FILE_NAME)
-        other = os.path.join(self.tmp, "other")
+        db_path, other = os.path.join(self.bank, sqlite_backend.DB_FILE_NAME), os.path.join(self.tmp, "other")
 
         def other_bank():
             backend = open_backend(other)
@@ -179,27 +157,42 @@ class DamagedBankTest(KbTestCase):
             backend.close()
             return os.path.join(other, sqlite_backend.DB_FILE_NAME)
 
-        moves = [("directory removed", lambda: shutil.rmtree(self.bank), []),
-                 ("database removed", lambda: os.remove(db_path), []),
-                 ("database replaced", lambda: os.replace(other_bank(), db_path), ["other"])]
-        for name, move, expected in moves:
-            with self.subTest(move=name):
+        def damage():
+            interface.ovra_kb_finalize()
+            with open(db_path, "r+b") as db:
+                db.write(b"not a database" * 300)
+
+        cases = [  # (harm, the calls' refusal until a new start, what a new start then finds; None: no start)
+            ("directory removed", lambda: shutil.rmtree(self.bank), errors.BANK_PATH_UNUSABLE, []),
+            ("database removed", lambda: os.remove(db_path), errors.BANK_PATH_UNUSABLE, []),
+            ("database replaced", lambda: os.replace(other_bank(), db_path), errors.BANK_PATH_UNUSABLE, ["other"]),
+            ("database damaged", damage, errors.BANK_DAMAGED, None),
+        ]
+        for name, harm, code, found in cases:
+            with self.subTest(name):
                 shutil.rmtree(self.bank, True)
                 shutil.rmtree(other, True)
                 self.init()
-                interface.ovra_kb_write("old", "v", {"op_type": "Add"}, 0)
-                move()
-                self.init()  # a second user, or the same one again: the bank is opened anew
-                interface.ovra_kb_write("new", "v", {"op_type": "Add"}, 1)
-                for _ in range(2):
+                interface.ovra_kb_write("old", "v", ADD, 0)
+                harm()
+                for call in [lambda: interface.ovra_kb_write("k", "v", ADD, 1), lambda: search("old", "Add")] \
+                        if found is not None else [self.init]:
+                    with self.assertKbError(code) as caught:
+                        call()
+                    self.assertIn("damaged" if found is None else "removed or replaced",
+                                  caught.exception.args[0]["message"])
+                if found is not None:
+                    self.init()  # a second user, or the same one again: the bank is opened anew
+                    interface.ovra_kb_write("new", "v", ADD, 1)
+                    for _ in range(2):
+                        interface.ovra_kb_finalize()
+                    self.init()
+                    self.assertEqual(keywords(search("", "Add", "all")), sorted(found + ["new"]))
                     interface.ovra_kb_finalize()
-                self.init()
-                self.assertEqual([r["keyword"] for r in search("", "Add", "all")], sorted(expected + ["new"]))
-                interface.ovra_kb_finalize()
 
     def test_a_write_whose_file_goes_during_the_commit_is_not_acknowledged(self):
         self.init()
-        interface.ovra_kb_write("kept", "v", {"op_type": "Add"}, 1)
+        interface.ovra_kb_write("kept", "v", ADD, 1)
         backend = interface._KB.session.backend
         real_execute = backend._writer.execute
 
@@ -212,5 +205,5 @@ class DamagedBankTest(KbTestCase):
 
         backend._writer = Writer()
         with self.assertKbError(errors.BANK_PATH_UNUSABLE):
-            interface.ovra_kb_write("lost", "v", {"op_type": "Add"}, 1)
+            interface.ovra_kb_write("lost", "v", ADD, 1)
         backend._writer = None  # the real connection closes with its object
