@@ -281,26 +281,6 @@ TEST_F(Api, CallsWhilePythonIsDownReturnThreeAndTheProcessGoesOn)
     EXPECT_EQ(scripted_.CallsOf("ovra_kb_finalize").size(), 2U);
 }
 
-// ---- Search ----
-
-TEST_F(Api, SearchPollsEveryMillisecondUntilFinishedAndAppendsItsRows)
-{
-    ASSERT_EQ(OvraKbInit(SYS, LOAD), 0U);
-    // Each poll notes when it came.
-    scripted_.SetScript(R"js({"ovra_kb_search_get": ["note(time.monotonic(), (False, []))",
-      "note(time.monotonic(), (False, []))", "note(time.monotonic(), (True, [{'op': 'Add', 'tiling': 'x8'}]))"]})js");
-    Rows rows = {{{"already", "here"}}};
-    ASSERT_EQ(OvraKbSearch("kw", OP, rows), 0U);
-    EXPECT_EQ(rows, (Rows{{{"already", "here"}}, {{"op", "Add"}, {"tiling", "x8"}}}));
-    EXPECT_EQ(scripted_.CallsOf("ovra_kb_search_get"), Strings(3, "ovra_kb_search_get('task-1')"));
-    Strings polls = scripted_.Notes();
-    for (size_t i = 1; i < polls.size(); ++i) {
-        double gap = std::stod(polls[i]) - std::stod(polls[i - 1]);
-        EXPECT_GE(gap, 0.001) << "polls must be at least one millisecond apart";
-        EXPECT_LT(gap, 0.5) << "polls must not wait much longer than a millisecond";
-    }
-}
-
 // ---- Faults of the environment: each gives status 3 and its lines, and the process goes on ----
 
 struct FaultCase {

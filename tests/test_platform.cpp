@@ -1,4 +1,4 @@
-// The default platform library: thresholds from its environment, whole lines, kept error reports.
+// The default platform library: thresholds from its environment, kept and written error reports.
 // The library reads its environment once, so each case runs this program again as a probe.
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <regex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "ovra_platform/platform.h"
@@ -22,22 +21,6 @@ void LogEveryLevel()
         if (CheckLogLevel(60, level) == 1) {
             DlogInner(60, level, "[probe:%d][TEST][Tid:%d]\"level %d\"\n", 1, mmGetTid(), level);
         }
-    }
-}
-
-void LogFromThreads()
-{
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 8; ++t) {
-        threads.emplace_back([t] {
-            std::string payload(300, static_cast<char>('a' + t));
-            for (int i = 0; i < 500; ++i) {
-                DlogInner(60, 3, "thread %d line %d %s\n", t, i, payload.c_str());
-            }
-        });
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
     }
 }
 
@@ -58,11 +41,11 @@ void Report()
             mmGetTid() > 0 ? "positive" : "missing");
 }
 
-// With OVRA_TEST_PROBE=levels|threads|report the program only drives the library, before any test.
+// With OVRA_TEST_PROBE=levels|report the program only drives the library, before any test.
 const bool PROBED = [] {
     const char *mode = getenv("OVRA_TEST_PROBE");
     if (mode != nullptr) {
-        std::string(mode) == "levels" ? LogEveryLevel() : std::string(mode) == "threads" ? LogFromThreads() : Report();
+        std::string(mode) == "levels" ? LogEveryLevel() : Report();
         _exit(0);
     }
     return false;
@@ -122,18 +105,6 @@ TEST(Platform, ShowsExactlyTheLevelsItsEnvironmentEnables)
     }
 }
 
-TEST(Platform, LinesOfConcurrentThreadsNeverInterleave)
-{
-    Strings lines = RunProbe("", "threads");
-    ASSERT_EQ(lines.size(), 8U * 500U);
-    const std::regex whole("^" + PREFIX + R"(thread (\d) line \d+ ([a-h]{300})$)");
-    for (const std::string &line : lines) {
-        std::smatch match;
-        ASSERT_TRUE(std::regex_match(line, match, whole)) << line.substr(0, 120);
-        EXPECT_EQ(match[3].str(), std::string(300, static_cast<char>('a' + std::stoi(match[2]))));
-    }
-}
-
 TEST(Platform, ErrorReportsAreKeptWrittenAndCleared)
 {
     // A kept report holds the line break as it was given; the log writes it as \n, keeping one line.
@@ -143,7 +114,8 @@ TEST(Platform, ErrorReportsAreKeptWrittenAndCleared)
     ASSERT_EQ(lines.size(), 6U);
     EXPECT_TRUE(
         std::regex_match(lines[0], std::regex("^" + PREFIX + "error report E1 \\{op: Add, reason: bank offline\\}$")));
-    EXPECT_TRUE(std::regex_match(lines[1], std::regex("^" + PREFIX + "error report EC0010 \\{result: two\\\\nlines\\}$")));
+    EXPECT_TRUE(
+        std::regex_match(lines[1], std::regex("^" + PREFIX + "error report EC0010 \\{result: two\\\\nlines\\}$")));
     EXPECT_EQ(Strings(lines.begin() + 2, lines.end()), kept);
     EXPECT_EQ(RunProbe("OVRA_LOG_LEVEL=off", "report"), kept) << "reports are written by the threshold, kept always";
 }

@@ -383,44 +383,16 @@ TEST_F(Started, ExceptionsAreLoggedLineByLineAndTheLastLineIsReturned)
     EXPECT_EQ(lines.front(), "Traceback (most recent call last):\n");
     EXPECT_EQ(lines.back(), "ZeroDivisionError: division by zero\n");
     EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [](const std::string &l) { return l.back() != '\n'; }), 0);
+}
 
-    LogCapture::Clear();
-    EXPECT_EQ(PyWrapper::GetPyException(nullptr, nullptr, nullptr), "NoneType: None.");
-    EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_ERROR), Strings{"NoneType: None\n"});
-
-    LogCapture::Clear();
-    PyObject *saved = PyWrapper::g_pyFormatExceptionFunc;
-    PyWrapper::g_pyFormatExceptionFunc = nullptr;
+// The log module's dictionary is reported when it has a code (tests/test_api), and only then.
+TEST_F(Started, AFailureWhoseDictionaryHasNoCodeIsNotReported)
+{
+    Gil gil;
     ASSERT_EQ(Eval("1 / 0"), nullptr);
-    EXPECT_EQ(PyWrapper::GetPyException(), "");
-    PyWrapper::g_pyFormatExceptionFunc = saved;
-    EXPECT_TRUE(LogCapture::Messages(OVRA_LEVEL_ERROR).empty()) << "without a format function nothing is logged";
-}
-
-TEST_F(Started, AFailedImportMakesExactlyOneFallbackReport)
-{
-    Gil gil;
-    EXPECT_EQ(PyWrapper::ImportModule(nullptr).get(), nullptr);
-    EXPECT_TRUE(ErrorReports().empty());
-    EXPECT_EQ(PyWrapper::ImportModule("no_such_module_for_ovra").get(), nullptr);
-    const std::string text = "ModuleNotFoundError: No module named 'no_such_module_for_ovra'";
-    EXPECT_EQ(ErrorReports(), (Reports{{"EC0010", {{"result", text + "."}}}}));
-    EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_ERROR, "pywrapper").back(), text + "\n");
-}
-
-TEST_F(Started, AnOperationsFailureReportsTheLogModulesDictionary)
-{
-    Gil gil;
-    ASSERT_EQ(Eval("(_ for _ in ()).throw(RuntimeError({'errCode': 'E7', 'op': 'Add'}))"), nullptr);
     const PyWrapper::PyExceptionTriple e = PyWrapper::FetchNormalizedException();
-    const PyObjectPtr failed(nullptr, e.type, e.value, e.traceback);
-    OvraKb::PyErrMessageReport(failed);
-    EXPECT_EQ(ErrorReports(), (Reports{{"E7", {{"errCode", "E7"}, {"op", "Add"}}}}))
-        << "the code stays among the details";
-
-    ClearErrorReports();
     scripted_.SetScript(Script("get_py_exception_dict", "{'no': 'code'}"));
-    OvraKb::PyErrMessageReport(failed);
+    OvraKb::PyErrMessageReport(PyObjectPtr(nullptr, e.type, e.value, e.traceback));
     EXPECT_TRUE(ErrorReports().empty());
     EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_WARNING), Strings{"Failed to upload errcode message."});
 }

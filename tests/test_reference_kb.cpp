@@ -1,16 +1,19 @@
 // The reference knowledge-base package through the library, where only a process of its own can show it: two
-// users of one process, and records that outlive the interpreter. (The command's tests make the round trips
-// through the library, one process per command.)
+// users of one process, records that outlive the interpreter, and eight threads at once. (The command's tests
+// make the round trips through the library, one process per command.)
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <random>
 #include <thread>
 
 #include "ovra_kb/ovra_kb_api.h"
 #include "test_env.h"
 
-using OvraKb::StrMap;
-using OvraTest::TempDir;
+using namespace OvraTest;
 
 namespace {
 // Set on a thread, the next PyDict_New that the library itself makes there fails, as without memory.
@@ -41,39 +44,32 @@ extern "C" OvraKb::PyObject *PyDict_New()
 
 namespace {
 
-using Rows = std::vector<StrMap>;
-
+// A stored record, as searches give it: the chip of SYS and the record's own fields.
 StrMap Row(const std::string &opType, const std::string &keyword, const std::string &knowledge)
 {
-    return {{"core_num", "8"},
-            {"keyword", keyword},
-            {"knowledge", knowledge},
-            {"op_type", opType},
-            {"soc_version", "soc-a1"}};
+    StrMap row = SYS;
+    row.insert({{"keyword", keyword}, {"knowledge", knowledge}, {"op_type", opType}});
+    return row;
+}
+
+Rows Search(const std::string &keyword, const StrMap &config)
+{
+    Rows rows;
+    EXPECT_EQ(OvraKbSearch(keyword, config, rows), 0U) << keyword;
+    return rows;
 }
 
 class ReferenceKb : public ::testing::Test {
   protected:
     void SetUp() override
     {
-        OvraTest::PutPythonFirstOnPath(dir_, OvraTest::TestPython());
-        OvraTest::UseReferencePackage();
-        OvraTest::ClearErrorReports();
+        PutPythonFirstOnPath(dir_, TestPython());
+        UseReferencePackage();
+        ClearErrorReports();
     }
-    std::uint32_t Init() { return OvraKbInit(sys_, {{"op_bank_path", dir_.File("bank")}}); }
-    Rows Search(const std::string &keyword, const std::string &opType, const char *type, std::uint32_t expected = 0)
-    {
-        StrMap config = {{"op_type", opType}};
-        if (type != nullptr) {
-            config["search_type"] = type;
-        }
-        Rows rows;
-        EXPECT_EQ(OvraKbSearch(keyword, config, rows), expected) << keyword << " " << opType;
-        return rows;
-    }
+    std::uint32_t Init() { return OvraKbInit(SYS, {{"op_bank_path", dir_.File("bank")}}); }
 
     TempDir dir_;
-    StrMap sys_ = {{"soc_version", "soc-a1"}, {"core_num", "8"}};
 };
 
 // Two users of one process: whichever way the second one's initialisation fails, it finalises nothing
@@ -83,70 +79,53 @@ TEST_F(ReferenceKb, AFailedInitialiseLeavesAnotherUsersSessionAlone)
     struct Refusal {
         const char *label;
         StrMap sys;
-        StrMap load;
+        std::string bank;
         std::uint32_t status;
         const char *code;           // the package's code, when the package was asked at all
         bool noDictionary = false;  // the library's first dictionary fails (status 5)
     };
+    const std::string bank = dir_.File("b");
     const std::string blocker = dir_.File("plain_file");
-    OvraTest::WriteFile(blocker, "");
+    WriteFile(blocker, "");
     const Refusal refusals[] = {
-        {"missing core_num", {{"soc_version", "soc-b2"}}, {{"op_bank_path", dir_.File("b")}}, 2, ""},
-        {"core_num not UTF-8",
-         {{"soc_version", "soc-b2"}, {"core_num", "\xff"}},
-         {{"op_bank_path", dir_.File("b")}},
-         4,
-         ""},
-        {"core_num abc",
-         {{"soc_version", "soc-b2"}, {"core_num", "abc"}},
-         {{"op_bank_path", dir_.File("b")}},
-         6,
-         "OVRA_KB_E002"},
-        {"bank unusable",
-         {{"soc_version", "soc-b2"}, {"core_num", "16"}},
-         {{"op_bank_path", blocker}},
-         6,
-         "OVRA_KB_E003"},
-        {"missing op_bank_path", {{"soc_version", "soc-b2"}, {"core_num", "16"}}, {{"bank", "/tmp"}}, 2, ""},
-        {"no dictionary",
-         {{"soc_version", "soc-b2"}, {"core_num", "16"}},
-         {{"op_bank_path", dir_.File("b")}},
-         5,
-         "",
-         true},
+        {"missing core_num", {{"soc_version", "soc-b2"}}, bank, 2, ""},
+        {"core_num not UTF-8", {{"soc_version", "soc-b2"}, {"core_num", "\xff"}}, bank, 4, ""},
+        {"core_num abc", {{"soc_version", "soc-b2"}, {"core_num", "abc"}}, bank, 6, "OVRA_KB_E002"},
+        {"bank unusable", {{"soc_version", "soc-b2"}, {"core_num", "16"}}, blocker, 6, "OVRA_KB_E003"},
+        {"no dictionary", {{"soc_version", "soc-b2"}, {"core_num", "16"}}, bank, 5, "", true},
     };
     // Status 5 needs the library bound to this program's PyDict_New, through the global scope.
-    ASSERT_NE(OvraTest::OpenRuntimeGlobally(), nullptr) << dlerror();
+    ASSERT_NE(OpenRuntimeGlobally(), nullptr) << dlerror();
     ASSERT_EQ(Init(), 0U);
     for (const Refusal &refusal : refusals) {
         SCOPED_TRACE(refusal.label);
-        OvraTest::ClearErrorReports();
+        ClearErrorReports();
         // The second user is a thread of its own: the error a refused value leaves pending stays with it.
         std::uint32_t status = 99;
         std::thread([&] {
             tFailLibraryDict = refusal.noDictionary;
-            status = OvraKbInit(refusal.sys, refusal.load);
+            status = OvraKbInit(refusal.sys, {{"op_bank_path", refusal.bank}});
             tFailLibraryDict = false;
         }).join();
         EXPECT_EQ(status, refusal.status);
-        const auto reports = OvraTest::ErrorReports();
+        const auto reports = ErrorReports();
         EXPECT_EQ(reports.empty() ? std::string() : reports.back().first, refusal.code);
-        EXPECT_EQ(OvraKbWrite(refusal.label, "written by the first user", {{"op_type", "Add"}}, true), 0U);
-        EXPECT_EQ(Search(refusal.label, "Add", nullptr), Rows{Row("Add", refusal.label, "written by the first user")});
+        EXPECT_EQ(OvraKbWrite(refusal.label, "written by the first user", OP, true), 0U);
+        EXPECT_EQ(Search(refusal.label, OP), Rows{Row("Add", refusal.label, "written by the first user")});
     }
     EXPECT_EQ(OvraKbFinalize(), 0U);
     // The rule's cost: the failed initialisations keep the Python side up. The package answers, and says that
     // nobody initialised it; and a finalisation that matches no initialisation of the package closes nothing.
-    OvraTest::ClearErrorReports();
-    EXPECT_EQ(OvraKbWrite("late", "x", {{"op_type", "Add"}}, true), 6U);
-    const auto reports = OvraTest::ErrorReports();
+    ClearErrorReports();
+    EXPECT_EQ(OvraKbWrite("late", "x", OP, true), 6U);
+    const auto reports = ErrorReports();
     EXPECT_EQ(reports.empty() ? std::string() : reports.back().first, "OVRA_KB_E007");
     EXPECT_EQ(OvraKbFinalize(), 0U);
 }
 
 TEST_F(ReferenceKb, RecordsOutliveTheInterpreter)
 {
-    const std::string version = OvraTest::TestPythonVersionText();
+    const std::string version = TestPythonVersionText();
     if (version == "3.12.0" || version == "3.12.1") {
         // Evidence: examples in the README; `import datetime` (which sqlite3 needs) after
         // Py_Finalize and a new Py_Initialize aborts this runtime with a double free.
@@ -158,8 +137,54 @@ TEST_F(ReferenceKb, RecordsOutliveTheInterpreter)
     ASSERT_EQ(OvraKbFinalize(), 0U);
 
     ASSERT_EQ(Init(), 0U) << "a second start of the interpreter in the same process";
-    EXPECT_EQ(Search("", "Conv", "all"),
+    EXPECT_EQ(Search("", {{"op_type", "Conv"}, {"search_type", "all"}}),
               (Rows{Row("Conv", "batched", "written with flag 0"), Row("Conv", "durable", "flushed")}));
+    EXPECT_EQ(OvraKbFinalize(), 0U);
+}
+
+// Eight threads run a random mix of write, delete and search for OVRA_LOAD_SECONDS (3 by default), each on
+// keywords of its own, so that its model of what it did is exact: every search must agree with it. A deadlock
+// shows as the test's time-out.
+TEST_F(ReferenceKb, EightThreadsAtOnceAgreeWithTheirModels)
+{
+    ASSERT_EQ(Init(), 0U);
+    const char *seconds = getenv("OVRA_LOAD_SECONDS");
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds ? atoi(seconds) : 3);
+    std::atomic<long> operations{0};
+    std::atomic<int> failures{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([&, t] {
+            std::mt19937 random(1000 + t);
+            std::map<std::string, std::string> model;  // keyword -> knowledge
+            for (long n = 0; std::chrono::steady_clock::now() < deadline; ++n, ++operations) {
+                const int key = static_cast<int>(random() % 32);
+                const std::string keyword = "t" + std::to_string(t) + "-k" + std::to_string(key);
+                const StrMap config = {{"op_type", key % 3 == 0 ? "MatMul" : key % 3 == 1 ? "Conv2D" : "Add"}};
+                const int choice = static_cast<int>(random() % 100);
+                const bool flag = random() % 4 == 0;
+                Rows rows;
+                bool ok = true;
+                if (choice < 45) {
+                    model[keyword] = "v" + std::to_string(n);
+                    ok = OvraKbWrite(keyword, model[keyword], config, flag) == 0;
+                } else if (choice < 65) {
+                    model.erase(keyword);
+                    ok = OvraKbDelete(keyword, config, flag) == 0;
+                } else {
+                    ok = OvraKbSearch(keyword, config, rows) == 0 &&
+                         (model.count(keyword) == 0 ? rows.empty()
+                                                    : rows.size() == 1 && rows[0].at("knowledge") == model[keyword]);
+                }
+                failures += ok ? 0 : 1;
+            }
+        });
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(failures.load(), 0);
+    EXPECT_GT(operations.load(), 100) << "the threads must have made real progress";
     EXPECT_EQ(OvraKbFinalize(), 0U);
 }
 

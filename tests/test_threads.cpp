@@ -236,6 +236,8 @@ void CountSignal(int)
     ++g_signals;
 }
 
+// A search polls its task until finished, at least a millisecond apart, and appends the rows; a signal
+// every 200 microseconds interrupts the waits but must neither break nor shorten them.
 TEST_F(Threads, ASignalEvery200MicrosecondsNeitherBreaksNorShortensTheWaits)
 {
     ASSERT_EQ(OvraKbInit(SYS, LOAD), 0U);
@@ -246,7 +248,7 @@ TEST_F(Threads, ASignalEvery200MicrosecondsNeitherBreaksNorShortensTheWaits)
     action.sa_handler = CountSignal;  // no SA_RESTART: every wait is interrupted
     ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
     std::atomic<bool> done{false};
-    Rows rows;
+    Rows rows = {{{"already", "here"}}};
     std::thread searcher([&] {
         EXPECT_EQ(OvraKbSearch("kw", OP, rows), 0U);
         done = true;
@@ -256,14 +258,17 @@ TEST_F(Threads, ASignalEvery200MicrosecondsNeitherBreaksNorShortensTheWaits)
         std::this_thread::sleep_for(std::chrono::microseconds(200));
     }
     searcher.join();
-    EXPECT_EQ(rows, (Rows{{{"k", "v"}}}));
+    EXPECT_EQ(rows, (Rows{{{"already", "here"}}, {{"k", "v"}}}));
     EXPECT_GT(g_signals.load(), 20) << "the waits must actually have been interrupted";
     // Each wait sleeps its full millisecond despite the signals, however busy the machine: a wait cut
     // short by a signal shows as two polls less than a millisecond apart.
     const Strings polls = scripted_.Notes();
     ASSERT_GE(polls.size(), 2U) << "a busy machine may stall a poll long enough for a second one to finish";
+    EXPECT_EQ(scripted_.CallsOf("ovra_kb_search_get"), Strings(polls.size(), "ovra_kb_search_get('task-1')"));
     for (size_t i = 1; i < polls.size(); ++i) {
-        EXPECT_GE(std::stod(polls[i]) - std::stod(polls[i - 1]), 0.001) << "poll " << i;
+        const double gap = std::stod(polls[i]) - std::stod(polls[i - 1]);
+        EXPECT_GE(gap, 0.001) << "poll " << i;
+        EXPECT_LT(gap, 0.5) << "poll " << i << " came much later than a millisecond";
     }
     EXPECT_EQ(OvraKbFinalize(), 0U);
 }

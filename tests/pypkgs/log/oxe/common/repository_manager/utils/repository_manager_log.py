@@ -2,7 +2,7 @@
 import os
 import traceback
 
-from ovra_scripted import call
+from ovra_scripted import scripted
 
 
 def _exception_str(exc_type, exc_value, exc_tb):
@@ -16,13 +16,8 @@ def _exception_dict(exc_type, exc_value, exc_tb):
     return {"errCode": "EC_TEST", "error_type": name, "message": str(exc_value)}
 
 
-def get_py_exception_str(exc_type, exc_value, exc_tb):
-    return call("get_py_exception_str", (exc_type, exc_value, exc_tb), _exception_str)
-
-
-def get_py_exception_dict(exc_type, exc_value, exc_tb):
-    return call("get_py_exception_dict", (exc_type, exc_value, exc_tb), _exception_dict)
-
+get_py_exception_str = scripted("get_py_exception_str", _exception_str)
+get_py_exception_dict = scripted("get_py_exception_dict", _exception_dict)
 
 if os.environ.get("OVRA_TEST_LOG_WITHOUT_DICT"):
     del get_py_exception_dict
