@@ -127,6 +127,7 @@ class Worker {
   public:
     Worker() : thread_([this] { Run(); }) {}
     ~Worker() { Stop(); }
+    // Runs `job` on the worker's thread and waits until it is done.
     void Do(std::function<void()> job)
     {
         std::unique_lock<std::mutex> lock(mutex_);
@@ -136,12 +137,8 @@ class Worker {
     }
     void Stop()
     {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            stopping_ = true;
-            changed_.notify_all();
-        }
         if (thread_.joinable()) {
+            Do([this] { stopping_ = true; });
             thread_.join();
         }
     }
@@ -150,11 +147,8 @@ class Worker {
     void Run()
     {
         std::unique_lock<std::mutex> lock(mutex_);
-        for (;;) {
-            changed_.wait(lock, [this] { return stopping_ || job_; });
-            if (!job_) {
-                return;
-            }
+        while (!stopping_) {
+            changed_.wait(lock, [this] { return static_cast<bool>(job_); });
             job_();
             job_ = nullptr;
             changed_.notify_all();

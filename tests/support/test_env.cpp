@@ -16,13 +16,7 @@
 namespace OvraTest {
 namespace {
 
-std::string RunTestPython(const std::string &program)
-{
-    return FirstLineOf("'" + TestPython() + "' -c '" + program + "'");
-}
-
-}  // namespace
-
+// The first line a shell command prints, without its line end.
 std::string FirstLineOf(const std::string &command)
 {
     FILE *pipe = popen(command.c_str(), "r");
@@ -37,6 +31,13 @@ std::string FirstLineOf(const std::string &command)
     }
     return text;
 }
+
+std::string RunTestPython(const std::string &program)
+{
+    return FirstLineOf("'" + TestPython() + "' -c '" + program + "'");
+}
+
+}  // namespace
 
 std::string TestPython()
 {

@@ -21,17 +21,13 @@ inline const StrMap OP = {{"op_type", "Add"}};
 
 // The Python interpreter the tests run against: $OVRA_TEST_PYTHON, else the build's default.
 std::string TestPython();
-// Version of the test interpreter as major * 100 + minor (311 for 3.11), and its full version text.
-int TestPythonVersion();
+int TestPythonVersion();  // 311 for 3.11
 std::string TestPythonVersionText();
-// First line printed by a shell command, without its line end.
-std::string FirstLineOf(const std::string &command);
 // A sysconfig variable of `python` ("LIBDIR", "LDLIBRARY").
 std::string PythonConfig(const std::string &python, const std::string &variable);
 // Opens the test interpreter's runtime library into the global scope, as a host that embeds Python does.
 void *OpenRuntimeGlobally();
-// Directory of the build's test fixtures (stub libraries).
-std::string FixturesBinaryDir();
+std::string FixturesBinaryDir();  // the stub runtimes
 
 // A fresh directory, removed with its contents when the object goes.
 class TempDir {
@@ -79,7 +75,7 @@ class Scripted {
 // A script that gives `answer`, a Python expression, to every call of `function`.
 std::string Script(const std::string &function, const std::string &answer);
 
-// Error reports the platform library kept, as (code, details).
+// The error reports the platform library kept.
 using Reports = std::vector<std::pair<std::string, StrMap>>;
 Reports ErrorReports();
 void ClearErrorReports();
