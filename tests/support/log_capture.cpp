@@ -23,7 +23,6 @@ struct Capture {
     std::mutex mutex;
     std::vector<LogLine> lines;
     std::set<int> disabled;
-    size_t checks = 0;
     std::vector<std::string> faults;  // lines that break the rules above, reported when the test ends
 };
 
@@ -127,12 +126,6 @@ void LogCapture::SetEnabled(int level, bool enabled)
     }
 }
 
-size_t LogCapture::Checks()
-{
-    std::lock_guard<std::mutex> lock(State().mutex);
-    return State().checks;
-}
-
 }  // namespace OvraTest
 
 extern "C" int CheckLogLevel(int moduleId, int level)
@@ -140,7 +133,6 @@ extern "C" int CheckLogLevel(int moduleId, int level)
     (void)moduleId;
     OvraTest::Capture &state = OvraTest::State();
     std::lock_guard<std::mutex> lock(state.mutex);
-    ++state.checks;
     return state.disabled.count(level) == 0 ? 1 : 0;
 }
 

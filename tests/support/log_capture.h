@@ -27,8 +27,6 @@ class LogCapture {
     static std::vector<std::string> Messages(int level, const std::string &file = "");
     // Makes CheckLogLevel answer 0 (disabled) or 1 for `level`; every level starts enabled.
     static void SetEnabled(int level, bool enabled);
-    // Number of CheckLogLevel questions asked so far.
-    static size_t Checks();
 };
 
 }  // namespace OvraTest
