@@ -3,7 +3,7 @@ With OVRA_TEST_IMPORT_ERROR set, its import raises a RuntimeError that carries a
 import os
 import threading
 
-from ovra_scripted import scripted
+from ovra_scripted import call
 
 if os.environ.get("OVRA_TEST_IMPORT_ERROR"):
     raise RuntimeError({"errCode": "E_KB_IMPORT", "reason": "bank offline"})
@@ -50,10 +50,25 @@ def _search_get(task):
     return (True, rows)
 
 
-# Each function of the module records its call and gives the script's answer, else the default above.
-ovra_kb_init = scripted("ovra_kb_init", _init)
-ovra_kb_finalize = scripted("ovra_kb_finalize", _finalize)
-ovra_kb_write = scripted("ovra_kb_write", _write)
-ovra_kb_delete = scripted("ovra_kb_delete", _delete)
-ovra_kb_search_async = scripted("ovra_kb_search_async", _search_async)
-ovra_kb_search_get = scripted("ovra_kb_search_get", _search_get)
+def ovra_kb_init(sys_dict, load_dict):
+    return call("ovra_kb_init", (sys_dict, load_dict), _init)
+
+
+def ovra_kb_finalize():
+    return call("ovra_kb_finalize", (), _finalize)
+
+
+def ovra_kb_write(keyword, knowledge, config, flag):
+    return call("ovra_kb_write", (keyword, knowledge, config, flag), _write)
+
+
+def ovra_kb_delete(keyword, config, flag):
+    return call("ovra_kb_delete", (keyword, config, flag), _delete)
+
+
+def ovra_kb_search_async(keyword, config):
+    return call("ovra_kb_search_async", (keyword, config), _search_async)
+
+
+def ovra_kb_search_get(task):
+    return call("ovra_kb_search_get", (task,), _search_get)

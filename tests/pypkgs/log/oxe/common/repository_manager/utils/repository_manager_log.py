@@ -2,7 +2,7 @@
 import os
 import traceback
 
-from ovra_scripted import scripted
+from ovra_scripted import call
 
 
 def _exception_str(exc_type, exc_value, exc_tb):
@@ -16,8 +16,13 @@ def _exception_dict(exc_type, exc_value, exc_tb):
     return {"errCode": "EC_TEST", "error_type": name, "message": str(exc_value)}
 
 
-get_py_exception_str = scripted("get_py_exception_str", _exception_str)
-get_py_exception_dict = scripted("get_py_exception_dict", _exception_dict)
+def get_py_exception_str(exc_type, exc_value, exc_tb):
+    return call("get_py_exception_str", (exc_type, exc_value, exc_tb), _exception_str)
+
+
+def get_py_exception_dict(exc_type, exc_value, exc_tb):
+    return call("get_py_exception_dict", (exc_type, exc_value, exc_tb), _exception_dict)
+
 
 if os.environ.get("OVRA_TEST_LOG_WITHOUT_DICT"):
     del get_py_exception_dict
