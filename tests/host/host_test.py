@@ -57,22 +57,19 @@ class HostInterpreter(unittest.TestCase):
 
     def test_joins_the_host_serves_its_threads_and_leaves_it_running(self):
         mappings = runtime_mappings()
+        # Each search answers with its own keyword and op type, so that a thread can tell its rows.
+        self.set_script({"ovra_kb_search_async": ["'task %s %s' % (args[0], args[1]['op_type'])"],
+                         "ovra_kb_search_get": ["(True, [{'task': args[0]}])"]})
         self.assertEqual(ovra_host.init(SYS, LOAD), 0)
-        self.assertEqual(ovra_host.write("relu", "vector unit", OP, True), 0)
-        self.assertEqual(ovra_host.search("relu", OP),
-                         (0, [{"keyword": "relu", "knowledge": "vector unit", "op_type": "Add"}]))
+        self.assertEqual(ovra_host.search("relu", OP), (0, [{"task": "task relu Add"}]))
         self.assertEqual(ovra_host.search("relu", {}), (2, []))
 
         failures = []
 
         def call(index):
-            config = {"op_type": "Op%d" % index}
             for round_ in range(20):
-                text = "thread %d round %d" % (index, round_)
-                if ovra_host.write("k%d" % round_, text, config, round_ % 2 == 0) != 0:
-                    failures.append("write")
-                status, rows = ovra_host.search("k%d" % round_, config)
-                if status != 0 or [row["knowledge"] for row in rows] != [text]:
+                status, rows = ovra_host.search("k%d" % round_, {"op_type": "Op%d" % index})
+                if (status, rows) != (0, [{"task": "task k%d Op%d" % (round_, index)}]):
                     failures.append("search %d %r" % (status, rows))
 
         for thread in self.on_threads(4, call):
@@ -100,7 +97,7 @@ class HostInterpreter(unittest.TestCase):
         self.assertFalse(getattr(sys, "is_finalizing", lambda: False)())
         # The host's interpreter is intact: a second start-up joins it again.
         self.assertEqual(ovra_host.init(SYS, LOAD), 0)
-        self.assertEqual(ovra_host.write("again", "text", OP, False), 0)
+        self.assertEqual(ovra_host.search("again", OP), (0, [{"k": "v"}]))
         self.assertEqual(ovra_host.finalize(), 0)
         self.assertFalse(os.path.exists(self.marker), "python3 was asked although the host runs Python")
         self.assertEqual(runtime_mappings(), mappings, "the runtime was loaded a second time")

@@ -1,6 +1,6 @@
-// A CPython extension module over the exported functions (all but delete, whose path is write's), for tests in which
-// Python is the host process. Every call gives the interpreter lock back while the library works, as a well-behaved
-// extension must: the library takes the lock itself when it needs it.
+// A CPython extension module over init, search and finalize (write and delete take the lock as search does), for tests
+// in which Python is the host process. Every call gives the interpreter lock back while the library works, as a
+// well-behaved extension must: the library takes the lock itself when it needs it.
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
 
@@ -69,20 +69,6 @@ PyObject *Finalize(PyObject *, PyObject *)
     return PyLong_FromUnsignedLong(Released([] { return OvraKbFinalize(); }));
 }
 
-PyObject *Write(PyObject *, PyObject *args)
-{
-    const char *keyword = nullptr;
-    const char *knowledge = nullptr;
-    OvraKb::StrMap config;
-    int flag = 0;
-    if (!PyArg_ParseTuple(args, "ssO&p", &keyword, &knowledge, ToStrMap, &config, &flag)) {
-        return nullptr;
-    }
-    const std::string key = keyword;
-    const std::string text = knowledge;
-    return PyLong_FromUnsignedLong(Released([&] { return OvraKbWrite(key, text, config, flag != 0); }));
-}
-
 // search(keyword, config) -> (status, [row, ...])
 PyObject *Search(PyObject *, PyObject *args)
 {
@@ -106,7 +92,6 @@ PyObject *Search(PyObject *, PyObject *args)
 PyMethodDef g_methods[] = {
     {"init", Init, METH_VARARGS, "init(sys_config, load_config) -> status"},
     {"finalize", Finalize, METH_NOARGS, "finalize() -> status"},
-    {"write", Write, METH_VARARGS, "write(keyword, knowledge, config, flag) -> status"},
     {"search", Search, METH_VARARGS, "search(keyword, config) -> (status, rows)"},
     {nullptr, nullptr, 0, nullptr},
 };
