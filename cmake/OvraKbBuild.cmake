@@ -2,6 +2,15 @@
 
 add_compile_options(-Wall -Wextra -Werror)
 
+# A fuzz build is an AddressSanitizer build whose every target also carries libFuzzer's coverage.
+if(OVRA_KB_BUILD_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang" OR OVRA_KB_SANITIZE STREQUAL "thread")
+    message(FATAL_ERROR "OVRA_KB_BUILD_FUZZ needs clang (libFuzzer) and AddressSanitizer, not OVRA_KB_SANITIZE=thread")
+  endif()
+  set(OVRA_KB_SANITIZE address)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+
 if(OVRA_KB_SANITIZE STREQUAL "address")
   add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
   add_link_options(-fsanitize=address,undefined)
