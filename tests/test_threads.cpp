@@ -72,10 +72,15 @@ class Threads : public ScriptedTest {
     }
 };
 
-TEST_F(Threads, ThreadsThatStartAndStopTogetherBringPythonUpAndDownOnce)
+// Callers that start and stop the library together bring Python up and down once; in between, batches of
+// short-lived threads each get their own rows and statuses, and leave no thread state behind.
+TEST_F(Threads, ThreadsThatStartAndStopTogetherAndShortLivedThreadsInBetween)
 {
     constexpr int CALLERS = 6;
+    constexpr int BATCHES = 12;
+    constexpr int PER_BATCH = 8;
     std::vector<std::uint32_t> statuses(CALLERS, 99);
+    std::atomic<int> failures{0};
     for (int cycle = 1; cycle <= 2; ++cycle) {
         OnThreadsAtOnce(CALLERS, [&](int i) { statuses[i] = OvraKbInit(SYS, LOAD); });
         EXPECT_EQ(statuses, std::vector<std::uint32_t>(CALLERS, 0U));
@@ -83,41 +88,32 @@ TEST_F(Threads, ThreadsThatStartAndStopTogetherBringPythonUpAndDownOnce)
         if (cycle == 1) {
             EXPECT_EQ(Queries(), 2U) << "python3 is asked once for the name and once for the directory";
         }
-        OnThreadsAtOnce(1, [&](int i) { statuses[i] = OvraKbWrite("kw", "text", OP, true); });
+        const long before = LiveThreadStates();
+        for (int batch = 0; batch < BATCHES; ++batch) {
+            OnThreadsAtOnce(PER_BATCH, [&](int t) {
+                const StrMap config = {{"op_type", "Op" + std::to_string(t)}};
+                const std::string keyword = "k" + std::to_string(batch);
+                const std::string knowledge = "thread " + std::to_string(t) + " batch " + std::to_string(batch);
+                Rows rows;
+                Rows ignored;
+                bool ok =
+                    OvraKbWrite(keyword, knowledge, config, t % 2 == 0) == 0 &&
+                    OvraKbSearch(keyword, config, rows) == 0 &&
+                    rows == Rows{{{"keyword", keyword}, {"knowledge", knowledge}, {"op_type", config.at("op_type")}}} &&
+                    // A refused configuration fails on its own thread without disturbing the others.
+                    OvraKbSearch(keyword, {{"search_type", "exact"}}, ignored) == 2 &&
+                    OvraKbDelete(keyword, config, false) == 0;
+                failures += ok ? 0 : 1;
+            });
+        }
+        EXPECT_EQ(LiveThreadStates(), before);
         OnThreadsAtOnce(CALLERS, [&](int i) { statuses[i] = OvraKbFinalize(); });
         EXPECT_EQ(statuses, std::vector<std::uint32_t>(CALLERS, 0U));
         EXPECT_EQ(CountEvents("OvraKbPyfuncMgr: PyObjectDeinit function end successfully!"), cycle);
     }
-    EXPECT_EQ(scripted_.CallsOf("ovra_kb_init").size(), 2U * CALLERS);
-}
-
-TEST_F(Threads, ShortLivedThreadsEachGetTheirOwnRowsAndStatusesAndLeaveNoStateBehind)
-{
-    ASSERT_EQ(OvraKbInit(SYS, LOAD), 0U);
-    const long before = LiveThreadStates();
-    constexpr int BATCHES = 25;
-    constexpr int PER_BATCH = 8;
-    std::atomic<int> failures{0};
-    for (int batch = 0; batch < BATCHES; ++batch) {
-        OnThreadsAtOnce(PER_BATCH, [&](int t) {
-            const StrMap config = {{"op_type", "Op" + std::to_string(t)}};
-            const std::string keyword = "k" + std::to_string(batch);
-            const std::string knowledge = "thread " + std::to_string(t) + " batch " + std::to_string(batch);
-            Rows rows;
-            Rows ignored;
-            bool ok =
-                OvraKbWrite(keyword, knowledge, config, t % 2 == 0) == 0 && OvraKbSearch(keyword, config, rows) == 0 &&
-                rows == Rows{{{"keyword", keyword}, {"knowledge", knowledge}, {"op_type", config.at("op_type")}}} &&
-                // A refused configuration fails on its own thread without disturbing the others.
-                OvraKbSearch(keyword, {{"search_type", "exact"}}, ignored) == 2 &&
-                OvraKbDelete(keyword, config, false) == 0;
-            failures += ok ? 0 : 1;
-        });
-    }
     EXPECT_EQ(failures.load(), 0);
-    EXPECT_EQ(scripted_.CallsOf("ovra_kb_search_async").size(), static_cast<size_t>(BATCHES * PER_BATCH));
-    EXPECT_EQ(LiveThreadStates(), before);
-    EXPECT_EQ(OvraKbFinalize(), 0U);
+    EXPECT_EQ(scripted_.CallsOf("ovra_kb_init").size(), 2U * CALLERS);
+    EXPECT_EQ(scripted_.CallsOf("ovra_kb_search_async").size(), 2U * BATCHES * PER_BATCH);
 }
 
 // ---- Native threads keep one Python thread state for all their calls ----
