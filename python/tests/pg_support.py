@@ -97,7 +97,7 @@ class TcpProxy(object):
         self.target = target
         self.accepting = True
         self._lock = threading.Lock()
-        self._pairs = []
+        self._socks = []
         self._listener = socket.socket()
         self._listener.bind(("127.0.0.1", 0))
         self._listener.listen(16)
@@ -120,7 +120,7 @@ class TcpProxy(object):
                 client.close()
                 continue
             with self._lock:
-                self._pairs.append((client, upstream))
+                self._socks += [client, upstream]
             for source, sink in ((client, upstream), (upstream, client)):
                 threading.Thread(target=self._pump, args=(source, sink), name="tcp-proxy-pump", daemon=True).start()
 
@@ -136,14 +136,10 @@ class TcpProxy(object):
         _shut(source)
         _shut(sink)
 
-    def connections(self):
-        with self._lock:
-            return len(self._pairs)
-
     def cut(self):
         with self._lock:
-            pairs, self._pairs = self._pairs, []
-        for sock in (sock for pair in pairs for sock in pair):
+            socks, self._socks = self._socks, []
+        for sock in socks:
             _shut(sock)
             sock.close()
 

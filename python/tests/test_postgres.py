@@ -1,9 +1,6 @@
 """The PostgreSQL bank: the tests that every bank passes, run against a server, and what only a server brings:
-redacted locations, schema versions, durability, lost connections, connection options and TLS.
-
-The server classes need OVRA_KB_TEST_POSTGRES_URL and psycopg 3 (see tests/pg_support.py) and skip
-otherwise; the others run on every interpreter.
-"""
+redacted locations, durability, lost connections, connection options and TLS. The server classes skip without
+one (see tests/pg_support.py); the others run on every interpreter."""
 
 import os
 import signal
@@ -194,30 +191,25 @@ class ConnectionTest(ServerTestCase):
         self.proxied = pg_support.url_via(self.location, "127.0.0.1", self.proxy.port)
 
     def test_a_lost_connection_is_made_again_and_the_statement_replayed(self):
-        backend = self.open(self.proxied)
+        name = "ovra_kb_t_" + self.schema.name
+        backend = self.open(pg_support.with_query(self.proxied, application_name=name))
         backend.write(SCOPE, "Op", "before", "1", True)
+        ends = {"cut": self.proxy.cut, "ended by the server": lambda: self.assertEqual(self.schema.execute(
+            "SELECT pg_terminate_backend(pid, 10000) FROM pg_stat_activity WHERE application_name = %s", (name,)),
+            [(True,)])}
         for number, operation in enumerate((
                 lambda: backend.write(SCOPE, "Op", "after", "2", True),
                 lambda: backend.write(SCOPE, "Op", "fast", "3", False),
                 lambda: backend.exact(SCOPE, "Op", "before"),
                 lambda: backend.all(SCOPE, None),
                 lambda: backend.delete(SCOPE, "Op", "fast", True))):
-            with self.subTest(operation=number):
-                self.proxy.cut()
-                operation()
-                self.assertEqual(self.proxy.connections(), 1)
+            for how, end in ends.items():
+                with self.subTest(operation=number, connection=how):
+                    end()
+                    operation()
+                    self.assertEqual((len(backend._idle), backend._open_links), (1, 1))
         self.assertEqual([(r["keyword"], r["knowledge"]) for r in backend.all(SCOPE, "Op")],
                          [("after", "2"), ("before", "1")])
-
-    def test_backends_ended_by_the_server_are_replaced(self):
-        name = "ovra_kb_t_" + self.schema.name
-        backend = self.open(pg_support.with_query(self.location, application_name=name))
-        backend.write(SCOPE, "Op", "k", "1", True)
-        ended = self.schema.execute(
-            "SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE application_name = %s", (name,))
-        self.assertEqual(ended, [(True,)])
-        backend.write(SCOPE, "Op", "k", "2", True)
-        self.assertEqual(backend.exact(SCOPE, "Op", "k")[0]["knowledge"], "2")
 
     def test_a_server_gone_for_good_is_reported_and_later_found_again(self):
         self.init(bank=self.proxied)
@@ -252,15 +244,12 @@ class ConnectionTest(ServerTestCase):
     def test_threads_share_a_pool_of_a_few_connections(self):
         name = "ovra_kb_" + self.schema.name
         backend = self.open(pg_support.with_query(self.location, application_name=name))
-        failures, peak = [], 0
+        found, peak = [], 0
 
-        def work(number):
-            try:
-                for item in range(200):
-                    backend.write(SCOPE, "Op", "t%d-%d" % (number, item), "v", item % 50 == 0)
-                    backend.exact(SCOPE, "Op", "t%d-%d" % (number, item))
-            except Exception as exc:  # reported below
-                failures.append(repr(exc))
+        def work(number):  # a call that raises leaves its record unfound
+            for item in range(200):
+                backend.write(SCOPE, "Op", "t%d-%d" % (number, item), "v", item % 50 == 0)
+                found.extend(backend.exact(SCOPE, "Op", "t%d-%d" % (number, item)))
 
         threads = [threading.Thread(target=work, args=(n,)) for n in range(8)]
         for thread in threads:
@@ -269,9 +258,8 @@ class ConnectionTest(ServerTestCase):
             while any(thread.is_alive() for thread in threads):
                 peak = max(peak, conn.execute("SELECT count(*) FROM pg_stat_activity WHERE application_name = %s",
                                               (name,)).fetchone()[0])
-        self.assertEqual(failures, [])
+        self.assertEqual(len(found), 8 * 200)
         self.assertTrue(1 <= peak <= postgres_backend.POOL_SIZE, peak)
-        self.assertEqual(len(backend.all(SCOPE, "Op")), 8 * 200)
 
     @unittest.skipUnless(os.environ.get("OVRA_KB_TEST_PG_CTL"), "needs a pg_ctl wrapper (OVRA_KB_TEST_PG_CTL)")
     def test_durable_writes_acknowledged_across_a_crash_restart_are_kept(self):
@@ -316,18 +304,17 @@ TLS_ROOT = os.environ.get("OVRA_KB_TEST_PG_SSL_ROOT", "")
 @unittest.skipUnless(TLS_ROOT, "the test server has no TLS (OVRA_KB_TEST_PG_SSL_ROOT is unset)")
 class TlsTest(ServerTestCase):
     def test_sslmode_options_reach_the_server_and_one_that_fails_verification_is_not_used(self):
-        def tls_url(host="127.0.0.1", **options):
-            base = pg_support.url_via(self.location, host, pg_support.url_parts(self.location)[1])
-            return pg_support.with_query(base.replace("sslmode=disable&", "").replace("?sslmode=disable", "?")
-                                         .replace("&sslmode=disable", ""), **options)
-
-        cases = [  # (URL, what its refusal says, None when it works)
-            (tls_url(sslmode="require"), None),
-            (tls_url(sslmode="verify-full", sslrootcert=TLS_ROOT), None),
-            (tls_url("localhost", sslmode="verify-full", sslrootcert=TLS_ROOT), "does not match host name"),
-            (tls_url(sslmode="verify-full", sslrootcert=TLS_ROOT + ".missing"), "root certificate file"),
+        # An option given twice takes its last value: these follow the server URL's sslmode=disable.
+        localhost = pg_support.url_via(self.location, "localhost", pg_support.url_parts(self.location)[1])
+        verify = {"sslmode": "verify-full", "sslrootcert": TLS_ROOT}
+        cases = [  # (bank, its TLS options, what its refusal says; None when it works)
+            (self.location, {"sslmode": "require"}, None),
+            (self.location, verify, None),
+            (localhost, verify, "does not match host name"),
+            (self.location, dict(verify, sslrootcert=TLS_ROOT + ".missing"), "root certificate file"),
         ]
-        for url, reason in cases:
+        for bank, options, reason in cases:
+            url = pg_support.with_query(bank, **options)
             with self.subTest(url=url):
                 if reason:
                     with self.assertKbError(errors.CANNOT_CONNECT, self.secret) as caught:
