@@ -1,15 +1,17 @@
 """The six module functions as the native library calls them."""
 
 import os
+import signal
 import sys
 import threading
 import traceback
 import unittest.mock
+import warnings
 
 from oxe.common.repository_manager import errors, interface
 from oxe.common.repository_manager.tasks import WorkerPool
 
-from tests.support import ADD, CHILD_PRELUDE, SYS, KbTestCase, config, keywords, search, start_python, wait_for
+from tests.support import ADD, SYS, KbTestCase, config, keywords, search, wait_for
 
 
 def worker_threads():
@@ -238,28 +240,36 @@ class OperationTest(KbTestCase):
 
     @unittest.skipUnless(hasattr(os, "register_at_fork"), "a fork while another thread is in a call is made safe "
                          "only where Python runs fork hooks (3.7 and later)")
-    def test_a_forked_child_searches_and_writes_while_the_parent_is_busy(self):
-        parent = start_python(CHILD_PRELUDE + """
-import signal, threading
-busy = threading.Event()
-def writer():
-    while not busy.is_set():
-        kb.ovra_kb_write("parent", "p", ADD, 0)
-threading.Thread(target=writer, daemon=True).start()
-search("", "Add", "all")  # the worker pool runs
-for n in range(5):
-    pid = os.fork()
-    if pid == 0:
-        signal.alarm(20)  # a child that hangs ends by the alarm
-        kb.ovra_kb_write("child%d" % n, "c", ADD, 1)
-        found = keywords(search("", "Add", "all"))
-        kb.ovra_kb_finalize()
-        os._exit(0 if "child%d" % n in found else 1)
-    status = os.waitpid(pid, 0)[1]
-    print(os.WEXITSTATUS(status) if os.WIFEXITED(status) else "signal%d" % os.WTERMSIG(status))
-busy.set()
-kb.ovra_kb_finalize()
-""", self.location)
-        out, err = parent.communicate(timeout=120)
-        self.assertEqual(out.split(), ["0"] * 5, err)
-        self.assertEqual(len(search("child", "Add", "prefix")), 5)
+    def test_forked_children_work_anew_and_leave_the_parent_its_bank(self):
+        backend, busy = interface._KB.session.backend, threading.Event()
+
+        def write_until_done():
+            while not busy.is_set():
+                interface.ovra_kb_write("parent", "p", ADD, 0)
+
+        writer = threading.Thread(target=write_until_done, daemon=True)
+        writer.start()
+        self.addCleanup(busy.set)
+        search("", "Add", "all")  # the worker pool runs
+        for number in range(6):
+            if number == 5:  # the last child comes while the parent's connections (of a server bank) are idle
+                busy.set()
+                writer.join()
+                idle = set(map(id, getattr(backend, "_idle", ())))
+            with warnings.catch_warnings():
+                warnings.simplefilter("ignore", DeprecationWarning)  # 3.12: fork() with threads
+                pid = os.fork()
+            if pid == 0:
+                signal.alarm(20)  # a child that hangs ends by the alarm
+                status = 1
+                try:
+                    interface.ovra_kb_write("child%d" % number, "c", ADD, 1)
+                    status = 0 if "child%d" % number in keywords(search("", "Add", "all")) else 2
+                    interface.ovra_kb_finalize()  # closes the child's own connections, and only those
+                finally:
+                    os._exit(status)
+            self.assertEqual(os.waitpid(pid, 0)[1], 0, "child %d" % number)
+        self.assertEqual(keywords(search("child", "Add", "prefix")), ["child%d" % n for n in range(6)])
+        # Had a child used or closed the parent's connections, the parent would have replaced one.
+        self.assertIs(interface._KB.session.backend, backend)
+        self.assertTrue(idle <= set(map(id, getattr(backend, "_idle", ()))), "a connection of the parent was replaced")

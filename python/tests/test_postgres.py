@@ -3,12 +3,10 @@ redacted locations, durability, lost connections, connection options and TLS. Th
 one (see tests/pg_support.py); the others run on every interpreter."""
 
 import os
-import signal
 import subprocess
 import sys
 import threading
 import unittest
-import warnings
 
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))  # CTest runs this file
 from oxe.common.repository_manager import errors, interface
@@ -112,33 +110,6 @@ class PostgresBankTest(ServerTestCase, BankContract):
             if written:
                 interface.ovra_kb_write("k", written, ADD, 0)
 
-    @unittest.skipUnless(hasattr(os, "fork"), "needs fork")
-    def test_a_forked_child_connects_anew_and_leaves_the_parents_connections_open(self):
-        self.init()
-        interface.ovra_kb_write("parent", "v", ADD, 1)
-        search("", "Add", "all")  # a worker thread and pooled connections exist in the parent
-        idle = set(map(id, interface._KB.session.backend._idle))
-        with warnings.catch_warnings():
-            warnings.simplefilter("ignore", DeprecationWarning)  # 3.12: fork() with threads
-            pid = os.fork()
-        if pid == 0:
-            signal.alarm(20)
-            status = 1
-            try:
-                interface.ovra_kb_write("child", "v", ADD, 1)
-                found = keywords(search("", "Add", "all"))
-                interface.ovra_kb_finalize()  # closes the child's own connections, and only those
-                status = 0 if found == ["child", "parent"] else 2
-            finally:
-                os._exit(status)
-        self.assertEqual(os.waitpid(pid, 0)[1], 0)
-        # Had the child used or closed the parent's connections, the next statement would find one broken and
-        # replace it.
-        interface.ovra_kb_write("parent", "still connected", ADD, 1)
-        self.assertEqual(keywords(search("", "Add", "all")), ["child", "parent"])
-        self.assertTrue(idle <= set(map(id, interface._KB.session.backend._idle)),
-                        "a connection of the parent was replaced")
-
     def test_text_the_server_cannot_store_is_an_argument_error(self):
         self.init()
         long_key = "".join(chr(0x4E00 + (n * 7919) % 20000) for n in range(4000))
@@ -169,8 +140,7 @@ class PostgresBankTest(ServerTestCase, BankContract):
 
 
 class PostgresOperationTest(ServerTestCase, test_interface.OperationTest):
-    # A fork on a server bank is tested above, with what it must leave of the parent's connections.
-    test_a_forked_child_searches_and_writes_while_the_parent_is_busy = None
+    pass
 
 
 class ConnectionTest(ServerTestCase):
