@@ -95,7 +95,7 @@ class OperationTest(KbTestCase):
         for op_type, keyword in (("Add", "a1"), ("Add", "a2"), ("Add", "b1"), ("Mul", "a1"), ("Mul", "c")):
             interface.ovra_kb_write(keyword, "%s/%s" % (op_type, keyword), {"op_type": op_type}, 0)
 
-    def test_search_types_and_a_record_replaced_then_deleted(self):
+    def test_search_types_each_answered_once_lookups_at_once_and_a_record_replaced_then_deleted(self):
         cases = [
             ("a1", "Add", None, [("Add", "a1")]),
             ("a", "Add", "exact", []),
@@ -104,11 +104,21 @@ class OperationTest(KbTestCase):
         ]
         for keyword, op_type, search_type, expected in cases:
             with self.subTest(op_type=op_type, search_type=search_type):
-                rows = search(keyword, op_type, search_type)
+                handle = interface.ovra_kb_search_async(keyword, config(op_type, search_type))
+                finished, rows = interface.ovra_kb_search_get(handle)
+                self.assertTrue(finished or search_type == "all", "an index lookup is answered at once")
+                rows = rows if finished else wait_for(handle)
                 self.assertEqual([(r["op_type"], r["keyword"]) for r in rows], expected)
                 for row in rows:
                     self.assertEqual(row["knowledge"], "%s/%s" % (row["op_type"], row["keyword"]))
                     self.assertEqual((row["soc_version"], row["core_num"]), ("soc-a1", "32"))
+                with self.assertKbError(errors.UNKNOWN_TASK):
+                    interface.ovra_kb_search_get(handle)
+        # More prefix matches than are answered at once: a worker returns them all.
+        count = interface.INLINE_PREFIX_LIMIT + 20
+        for number in range(count):
+            interface.ovra_kb_write("p%05d" % number, "v", ADD, 0)
+        self.assertEqual(keywords(search("p", "Add", "prefix")), ["p%05d" % n for n in range(count)])
         for flag in (0, 1, True, False):
             self.assertEqual(interface.ovra_kb_write("a1", "v%s" % flag, ADD, flag), 0)
             self.assertEqual([r["knowledge"] for r in search("a1", "Add")], ["v%s" % flag])
@@ -141,21 +151,6 @@ class OperationTest(KbTestCase):
                 with self.assertKbError(code):
                     call()
         self.assertEqual(len(search("", "*", "all")), 5)
-
-    def test_index_lookups_finish_at_once_and_are_answered_once(self):
-        count = interface.INLINE_PREFIX_LIMIT + 20
-        for number in range(count):
-            interface.ovra_kb_write("p%05d" % number, "v", ADD, 0)
-        for keyword, search_type, rows in (("a1", None, 1), ("zz", "exact", 0), ("a", "prefix", 2)):
-            with self.subTest(search_type=search_type):
-                handle = interface.ovra_kb_search_async(keyword, config("Add", search_type))
-                self.assertTrue(isinstance(handle, str) and handle)
-                finished, found = interface.ovra_kb_search_get(handle)
-                self.assertEqual((finished, len(found)), (True, rows))
-                with self.assertKbError(errors.UNKNOWN_TASK):
-                    interface.ovra_kb_search_get(handle)
-        # More prefix matches than are answered at once: the worker returns them all.
-        self.assertEqual(keywords(search("p", "Add", "prefix")), ["p%05d" % n for n in range(count)])
 
     def test_scans_finish_later_on_a_worker_thread_and_a_failed_one_raises_at_the_poll(self):
         gate, seen = threading.Event(), []
