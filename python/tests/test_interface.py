@@ -95,7 +95,7 @@ class OperationTest(KbTestCase):
         for op_type, keyword in (("Add", "a1"), ("Add", "a2"), ("Add", "b1"), ("Mul", "a1"), ("Mul", "c")):
             interface.ovra_kb_write(keyword, "%s/%s" % (op_type, keyword), {"op_type": op_type}, 0)
 
-    def test_search_types_each_answered_once_lookups_at_once_and_a_record_replaced_then_deleted(self):
+    def test_search_types_each_answered_once_and_a_record_replaced_then_deleted(self):
         cases = [
             ("a1", "Add", None, [("Add", "a1")]),
             ("a", "Add", "exact", []),
