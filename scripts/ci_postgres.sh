@@ -43,7 +43,7 @@ chown "$server_user" "$work"
 data="$work/data"
 server_log="$work/server.log"
 
-# pg_ctl for this server, also used by the tests to restart it.
+# pg_ctl for this server, also used by the tests to stop and start it.
 cat >"$work/pg_ctl" <<EOF
 #!/bin/sh
 cd "$work" || exit 1
@@ -70,23 +70,27 @@ database=ovra_kb_test
 say "PostgreSQL $("$bindir/postgres" --version | awk '{print $3}') on 127.0.0.1:$port, files in $work"
 (cd "$work" && "${run_as[@]}" "$bindir/initdb" -D "$data" -U postgres --auth-local=trust --auth-host=scram-sha-256 \
   --encoding=UTF8 --locale=C.UTF-8 --no-sync >"$work/initdb.log" 2>&1) || { cat "$work/initdb.log" >&2; exit 1; }
+# The settings live in the server's configuration, so that the tests can stop and start it again.
+cat >>"$data/postgresql.conf" <<EOF
+listen_addresses = '127.0.0.1'
+port = $port
+unix_socket_directories = '$work'
+max_connections = 200
+EOF
 # TLS with a throwaway certificate for 127.0.0.1 (openssl comes with the postgresql package), so that the
 # tests can use sslmode=require and verify-full for real.
-tls=()
 if command -v openssl >/dev/null && openssl req -new -x509 -days 2 -nodes -subj "/CN=127.0.0.1" \
     -addext "subjectAltName=IP:127.0.0.1" -keyout "$data/server.key" -out "$data/server.crt" >/dev/null 2>&1; then
   chown "$server_user" "$data/server.key" "$data/server.crt"
   chmod 600 "$data/server.key"
   cp "$data/server.crt" "$work/root.crt"
   chmod 644 "$work/root.crt"
-  tls=(-c ssl=on)
+  echo "ssl = on" >>"$data/postgresql.conf"
   export OVRA_KB_TEST_PG_SSL_ROOT="$work/root.crt"
 else
   say "openssl could not make a certificate: the server runs without TLS and the TLS tests skip"
 fi
-"$work/pg_ctl" start -w -t 60 \
-  -o "-c listen_addresses=127.0.0.1 -p $port -c unix_socket_directories=$work -c max_connections=200 ${tls[*]}" \
-  >/dev/null || { cat "$server_log" >&2; exit 1; }
+"$work/pg_ctl" start -w -t 60 >/dev/null || { cat "$server_log" >&2; exit 1; }
 
 psql_admin() {
   "$bindir/psql" -X -q -v ON_ERROR_STOP=1 -h "$work" -p "$port" -U postgres -d postgres "$@"

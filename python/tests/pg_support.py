@@ -1,12 +1,9 @@
-"""The PostgreSQL server of the tests: a scratch schema for each test, and a TCP proxy that can cut connections.
-
-The server tests run when OVRA_KB_TEST_POSTGRES_URL names a database whose user may create schemas in it
-(scripts/ci_postgres.sh starts a throwaway server and sets it), and this interpreter can import psycopg 3.
-"""
+"""The PostgreSQL server of the tests, and a scratch schema for each test. The server tests run when
+OVRA_KB_TEST_POSTGRES_URL names a database whose user may create schemas in it (scripts/ci_postgres.sh starts
+a throwaway server and sets it), and this interpreter can import psycopg 3."""
 
 import os
 import socket
-import threading
 import uuid
 
 URL = os.environ.get("OVRA_KB_TEST_POSTGRES_URL", "")
@@ -72,83 +69,3 @@ def url_parts(url):
     """(host, port) of the server URL; the tests need a TCP address."""
     params = driver().conninfo.conninfo_to_dict(url)
     return params.get("host") or "127.0.0.1", int(params.get("port") or 5432)
-
-
-def url_via(url, host, port):
-    """``url`` with its host and port replaced."""
-    scheme, _, rest = url.partition("://")
-    cut = min([len(rest)] + [rest.find(mark) for mark in "/?" if mark in rest])
-    userinfo = rest[:cut].rpartition("@")[0]
-    return "%s://%s%s:%d%s" % (scheme, userinfo + "@" if userinfo else "", host, port, rest[cut:])
-
-
-def _shut(sock):
-    try:
-        sock.shutdown(socket.SHUT_RDWR)
-    except OSError:
-        pass
-
-
-class TcpProxy(object):
-    """Forwards 127.0.0.1:<port> to the server. ``cut`` breaks every connection made through it; while
-    ``accepting`` is False it hangs up on new ones during their start-up exchange."""
-
-    def __init__(self, target):
-        self.target = target
-        self.accepting = True
-        self._lock = threading.Lock()
-        self._pairs = []
-        self._listener = socket.socket()
-        self._listener.bind(("127.0.0.1", 0))
-        self._listener.listen(16)
-        self.port = self._listener.getsockname()[1]
-        self._thread = threading.Thread(target=self._accept_loop, name="tcp-proxy", daemon=True)
-        self._thread.start()
-
-    def _accept_loop(self):
-        while True:
-            try:
-                client, _ = self._listener.accept()
-            except OSError:
-                return  # closed
-            try:
-                if not self.accepting:
-                    raise OSError("turned away")
-                upstream = socket.create_connection(self.target, timeout=10)
-                upstream.settimeout(None)
-            except OSError:
-                client.close()
-                continue
-            with self._lock:
-                self._pairs.append((client, upstream))
-            for source, sink in ((client, upstream), (upstream, client)):
-                threading.Thread(target=self._pump, args=(source, sink), name="tcp-proxy-pump", daemon=True).start()
-
-    @staticmethod
-    def _pump(source, sink):
-        try:
-            data = source.recv(65536)
-            while data:
-                sink.sendall(data)
-                data = source.recv(65536)
-        except OSError:
-            pass
-        _shut(source)
-        _shut(sink)
-
-    def connections(self):
-        with self._lock:
-            return len(self._pairs)
-
-    def cut(self):
-        with self._lock:
-            pairs, self._pairs = self._pairs, []
-        for sock in (sock for pair in pairs for sock in pair):
-            _shut(sock)
-            sock.close()
-
-    def close(self):
-        self.cut()
-        _shut(self._listener)  # wakes the accept loop
-        self._listener.close()
-        self._thread.join(5)

@@ -24,24 +24,16 @@ ADD = {"op_type": "Add"}
 CHILD_PRELUDE = """
 import os, sys, time
 from oxe.common.repository_manager import interface as kb
-kb.ovra_kb_init({"soc_version": "soc-a1", "core_num": "32"}, {"op_bank_path": sys.argv[1]})
-ADD = {"op_type": "Add"}
+from tests.support import ADD, SYS, keywords, search
+kb.ovra_kb_init(SYS, {"op_bank_path": sys.argv[1]})
 """
 
 
 def start_python(code, *args):
-    """Start ``sys.executable`` running ``code`` (dedented) with the package importable."""
+    """Start ``sys.executable`` running ``code`` (dedented) with the package and these helpers importable."""
     env = dict(os.environ, PYTHONPATH=PACKAGE_ROOT, PYTHONDONTWRITEBYTECODE="1")
     return subprocess.Popen([sys.executable, "-c", textwrap.dedent(code)] + [str(a) for a in args], env=env,
                             stdout=subprocess.PIPE, stderr=subprocess.PIPE, universal_newlines=True)
-
-
-def run_python(code, *args):
-    proc = start_python(code, *args)
-    out, err = proc.communicate(timeout=120)
-    if proc.returncode != 0:
-        raise AssertionError("child exited with %s:\n%s" % (proc.returncode, err))
-    return out
 
 
 def config(op_type, search_type=None):
@@ -69,8 +61,8 @@ def keywords(rows):
 
 
 class KbTestCase(unittest.TestCase):
-    """Gives each test its own bank and leaves the package finalised. ``location`` is the bank that ``init``
-    and ``open`` use: a directory here, a schema on a server in the PostgreSQL variants."""
+    """Gives each test its own bank (``location``: a directory here, a schema on a server in the PostgreSQL
+    variants) and leaves the package finalised."""
 
     secret = None  # what no error may show
 

