@@ -134,7 +134,7 @@ TEST(RealRuntime, LoadsOnceBindsEveryEntryAndReloadsAfterClose)
         if (access(python.c_str(), X_OK) != 0) {
             continue;
         }
-        const std::string path = PythonConfig(python, "LIBDIR") + "/" + PythonConfig(python, "LDLIBRARY");
+        const std::string path = RuntimeLibraryPath(python);
         TempDir dir;
         PutPythonFirstOnPath(dir, python);
         LogCapture::Clear();

@@ -32,9 +32,10 @@ std::string FirstLineOf(const std::string &command)
     return text;
 }
 
-std::string RunTestPython(const std::string &program)
+// The first line that `python` prints running `program`, which holds no single quote.
+std::string RunPython(const std::string &python, const std::string &program)
 {
-    return FirstLineOf("'" + TestPython() + "' -c '" + program + "'");
+    return FirstLineOf("'" + python + "' -c '" + program + "'");
 }
 
 }  // namespace
@@ -47,24 +48,24 @@ std::string TestPython()
 
 int TestPythonVersion()
 {
-    std::string text = RunTestPython("import sys; print(sys.version_info[0] * 100 + sys.version_info[1])");
+    std::string text = RunPython(TestPython(), "import sys; print(sys.version_info[0] * 100 + sys.version_info[1])");
     return text.empty() ? 0 : std::stoi(text);
 }
 
 std::string TestPythonVersionText()
 {
-    return RunTestPython("import platform; print(platform.python_version())");
+    return RunPython(TestPython(), "import platform; print(platform.python_version())");
 }
 
-std::string PythonConfig(const std::string &python, const std::string &variable)
+std::string RuntimeLibraryPath(const std::string &python)
 {
-    return FirstLineOf("'" + python + "' -c 'import sysconfig; print(sysconfig.get_config_var(\"" + variable + "\"))'");
+    return RunPython(python,
+                     "import sysconfig; v = sysconfig.get_config_var; print(v(\"LIBDIR\") + \"/\" + v(\"LDLIBRARY\"))");
 }
 
 void *OpenRuntimeGlobally()
 {
-    const std::string path = PythonConfig(TestPython(), "LIBDIR") + "/" + PythonConfig(TestPython(), "LDLIBRARY");
-    return dlopen(path.c_str(), RTLD_NOW | RTLD_GLOBAL);
+    return dlopen(RuntimeLibraryPath(TestPython()).c_str(), RTLD_NOW | RTLD_GLOBAL);
 }
 
 std::string FixturesBinaryDir()

@@ -23,8 +23,8 @@ inline const StrMap OP = {{"op_type", "Add"}};
 std::string TestPython();
 int TestPythonVersion();  // 311 for 3.11
 std::string TestPythonVersionText();
-// A sysconfig variable of `python` ("LIBDIR", "LDLIBRARY").
-std::string PythonConfig(const std::string &python, const std::string &variable);
+// The runtime library of `python` that the library is expected to load: its LIBDIR/LDLIBRARY.
+std::string RuntimeLibraryPath(const std::string &python);
 // Opens the test interpreter's runtime library into the global scope, as a host that embeds Python does.
 void *OpenRuntimeGlobally();
 std::string FixturesBinaryDir();  // the stub runtimes
