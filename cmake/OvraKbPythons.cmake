@@ -72,3 +72,6 @@ print("%d.%d.%d" % sys.version_info[:3])
   set(${prefix}_LIBRARY "${library}" PARENT_SCOPE)
   set(${prefix}_VERSION "${version}" PARENT_SCOPE)
 endfunction()
+
+# pybind11's headers: the benchmarks' baseline and the extension module of the tests with Python as the host.
+find_path(OVRA_KB_PYBIND11_INCLUDE_DIR pybind11/pybind11.h)
