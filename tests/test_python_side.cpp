@@ -353,18 +353,6 @@ TEST(ErrorText, DealWithErrorFindsTheCodeOrFallsBack)
 
 // ---- Exception capture and reports ----
 
-TEST_F(Started, ExceptionsAreLoggedLineByLineAndTheLastLineIsReturned)
-{
-    Gil gil;
-    ASSERT_EQ(Eval("1 / 0"), nullptr);
-    EXPECT_EQ(PyWrapper::GetPyException(), "ZeroDivisionError: division by zero.");
-    Strings lines = LogCapture::Messages(OVRA_LEVEL_ERROR, "pywrapper");
-    ASSERT_GE(lines.size(), 3U);
-    EXPECT_EQ(lines.front(), "Traceback (most recent call last):\n");
-    EXPECT_EQ(lines.back(), "ZeroDivisionError: division by zero\n");
-    EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [](const std::string &l) { return l.back() != '\n'; }), 0);
-}
-
 // The log module's dictionary is reported when it has a code (tests/test_api), and only then.
 TEST_F(Started, AFailureWhoseDictionaryHasNoCodeIsNotReported)
 {

@@ -1,14 +1,11 @@
-// libFuzzer target of the error-text functions (StringSplit, Trim, ParseStrMap, DealWithError): every
-// input must keep the properties below. Byte 0 chooses the split's separator length (1 + bits 0-1) and
-// how many entries its output holds before the call (bits 2-3); the separator's bytes follow; the rest
-// is the text that every function gets.
+// libFuzzer target of the error-text functions, fed as the library feeds them: the whole input is the text of
+// a Python failure, which ParseStrMap and DealWithError must read keeping the properties below.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
-#include <vector>
 
 #include "pywrapper/pywrapper.h"
 
@@ -27,35 +24,6 @@ using OvraKb::StrMap;
 namespace PyWrapper = OvraKb::PyWrapper;
 
 const char *const SPACES = " \t\n\v\f\r";  // isspace in the C locale
-
-// The pieces, joined with the separator, give the text back (less a trailing separator, whose empty
-// piece is dropped); no piece holds the separator; earlier entries of the output stay.
-void CheckSplit(const std::string &text, const std::string &separator, std::size_t earlier)
-{
-    std::vector<std::string> out(earlier, "earlier");
-    FUZZ_CHECK(PyWrapper::StringSplit(text, separator, out) == out.size());
-    FUZZ_CHECK(out.size() >= earlier && std::count(out.begin(), out.begin() + earlier, "earlier") == long(earlier));
-    std::string joined;
-    for (std::size_t i = earlier; i < out.size(); ++i) {
-        FUZZ_CHECK(out[i].find(separator) == std::string::npos);
-        joined += (i > earlier ? separator : "") + out[i];
-    }
-    if (joined == text) {
-        FUZZ_CHECK(text.empty() ? out.size() == earlier : out.size() > earlier && !out.back().empty());
-    } else {
-        FUZZ_CHECK(joined + separator == text && out.size() > earlier);
-    }
-}
-
-// The text less its leading and trailing white space.
-void CheckTrim(const std::string &text)
-{
-    std::string trimmed = text;
-    PyWrapper::Trim(trimmed);
-    const std::size_t first = text.find_first_not_of(SPACES);
-    FUZZ_CHECK(trimmed ==
-               (first == std::string::npos ? "" : text.substr(first, text.find_last_not_of(SPACES) - first + 1)));
-}
 
 // True exactly when the text has a "{" and, after it but not right after it, the first "}"; false
 // leaves the map as it was; each entry read is trimmed, holds no quote, comma or colon, and comes from
@@ -108,14 +76,7 @@ void CheckDeal(const std::string &text)
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
-    const std::size_t separatorLength = size > 0 ? 1 + (data[0] & 0x3U) : 0;
-    if (size < 1 + separatorLength) {
-        return 0;
-    }
-    const std::string separator(reinterpret_cast<const char *>(data + 1), separatorLength);
-    const std::string text(reinterpret_cast<const char *>(data + 1 + separatorLength), size - 1 - separatorLength);
-    CheckSplit(text, separator, (data[0] >> 2) & 0x3U);
-    CheckTrim(text);
+    const std::string text(reinterpret_cast<const char *>(data), size);
     CheckParse(text);
     CheckDeal(text);
     return 0;
