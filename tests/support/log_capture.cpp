@@ -23,7 +23,6 @@ struct Capture {
     std::mutex mutex;
     std::vector<LogLine> lines;
     std::set<int> disabled;
-    std::vector<std::string> faults;  // lines that break the rules above, reported when the test ends
 };
 
 Capture &State()
@@ -31,25 +30,6 @@ Capture &State()
     static Capture *capture = new Capture;  // never destroyed: the library logs during static destruction
     return *capture;
 }
-
-class LineFaults : public ::testing::EmptyTestEventListener {
-    void OnTestEnd(const ::testing::TestInfo &) override
-    {
-        std::vector<std::string> faults;
-        {
-            std::lock_guard<std::mutex> lock(State().mutex);
-            faults.swap(State().faults);
-        }
-        for (const std::string &fault : faults) {
-            ADD_FAILURE() << "the library logged " << fault;
-        }
-    }
-};
-
-const bool LINE_FAULTS_REPORTED = [] {
-    ::testing::UnitTest::GetInstance()->listeners().Append(new LineFaults);
-    return true;
-}();
 
 // The messages that carry a value, the only formats with a conversion.
 const std::set<std::string> &ValueMessages()
@@ -76,7 +56,6 @@ const std::set<std::string> &ValueMessages()
 // What is wrong with a line, or "" when nothing is.
 std::string FaultOf(int module, const std::string &format, const LogLine &line, bool parsed, int tid)
 {
-    (void)LINE_FAULTS_REPORTED;
     if (module != 60 || !parsed || tid != static_cast<int>(syscall(SYS_gettid))) {
         return "module, tag or thread id";
     }
@@ -160,11 +139,11 @@ extern "C" void DlogInner(int moduleId, int level, const char *fmt, ...)
     OvraTest::LogLine line{level, parsed ? match[1].str() : "",
                            parsed ? raw.substr(end + 2, raw.size() - end - 4) : ""};
     std::string fault = OvraTest::FaultOf(moduleId, fmt, line, parsed, parsed ? std::stoi(match[2]) : 0);
+    if (!fault.empty()) {
+        ADD_FAILURE() << "the library logged " << fault << ": " << raw;
+    }
     OvraTest::Capture &state = OvraTest::State();
     std::lock_guard<std::mutex> lock(state.mutex);
-    if (!fault.empty()) {
-        state.faults.push_back(fault + ": " + raw);
-    }
     state.lines.push_back(line);
 }
 
