@@ -63,8 +63,17 @@ Strings ManagerEvents()
 
 using PythonSide = ScriptedTest;
 
-TEST_F(PythonSide, FirstUserStartsSecondIsCountedLastStopsAndTheCycleRepeats)
+TEST_F(PythonSide, AnEarlyFinaliseWrapsTheCountThenFirstUserStartsAndLastStopsEachCycle)
 {
+    // A finalisation without start-up wraps the count, and the next initialisation only brings it back.
+    Manager().PyObjectDeinit();
+    EXPECT_EQ(Users(), UINT64_MAX);
+    EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_INFO, "ovra_kb_pyfunc_mgr"), Strings{"PyObject does not need to deinit"});
+    EXPECT_TRUE(Manager().PyObjectInit());
+    EXPECT_EQ(Users(), 0U);
+    EXPECT_EQ(Manager().GetOvraKbInterface().get(), nullptr) << "no start-up happened";
+    EXPECT_EQ(Queries(), 0U);
+
     Strings startUp = {"OvraKbPyfuncMgr: Enter PyObjectInit, reference_ is 0!", "Start to run Py_IsInitialized now."};
     if (TestPythonVersion() < 307) {
         startUp.push_back("Start to run PyEval_ThreadsInitialized now.");
@@ -123,17 +132,6 @@ TEST_F(PythonSide, FailedStartUpCountsNoUserAndTheRetryLoadsNothing)
               Strings{"Start to run init functions to load dynamic python lib!"})
         << "no load is attempted";
     EXPECT_EQ(Users(), 0U);
-}
-
-TEST_F(PythonSide, FinalisingWithoutStartUpWrapsTheCount)
-{
-    Manager().PyObjectDeinit();
-    EXPECT_EQ(Users(), UINT64_MAX);
-    EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_INFO, "ovra_kb_pyfunc_mgr"), Strings{"PyObject does not need to deinit"});
-    EXPECT_TRUE(Manager().PyObjectInit());
-    EXPECT_EQ(Users(), 0U);
-    EXPECT_EQ(Manager().GetOvraKbInterface().get(), nullptr) << "no start-up happened";
-    EXPECT_EQ(Queries(), 0U);
 }
 
 // A native host that started Python itself and holds the lock on the calling thread (a Python host,
