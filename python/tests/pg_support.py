@@ -64,8 +64,3 @@ class Schema(object):
         with admin_connect() as conn:
             conn.execute("DROP SCHEMA IF EXISTS %s CASCADE" % self.name)
 
-
-def url_parts(url):
-    """(host, port) of the server URL; the tests need a TCP address."""
-    params = driver().conninfo.conninfo_to_dict(url)
-    return params.get("host") or "127.0.0.1", int(params.get("port") or 5432)

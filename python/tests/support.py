@@ -4,10 +4,7 @@ library polls them."""
 import contextlib
 import os
 import shutil
-import subprocess
-import sys
 import tempfile
-import textwrap
 import time
 import unittest
 
@@ -20,20 +17,6 @@ PACKAGE_ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 SYS = {"soc_version": "soc-a1", "core_num": "32"}
 SCOPE = ("soc-a1", "32")
 ADD = {"op_type": "Add"}
-# What a child interpreter runs first: the bank of its first argument opened for SYS.
-CHILD_PRELUDE = """
-import os, sys, time
-from oxe.common.repository_manager import interface as kb
-from tests.support import ADD, SYS, keywords, search
-kb.ovra_kb_init(SYS, {"op_bank_path": sys.argv[1]})
-"""
-
-
-def start_python(code, *args):
-    """Start ``sys.executable`` running ``code`` (dedented) with the package and these helpers importable."""
-    env = dict(os.environ, PYTHONPATH=PACKAGE_ROOT, PYTHONDONTWRITEBYTECODE="1")
-    return subprocess.Popen([sys.executable, "-c", textwrap.dedent(code)] + [str(a) for a in args], env=env,
-                            stdout=subprocess.PIPE, stderr=subprocess.PIPE, universal_newlines=True)
 
 
 def config(op_type, search_type=None):

@@ -100,16 +100,6 @@ class PostgresBankTest(ServerTestCase, BankContract):
                 backend.close()
                 self.assertEqual(meta_version_row() != before, flushed)
 
-    def test_switching_between_directory_and_server_banks(self):
-        cases = [(self.bank, {}, [], "in sqlite"), (self.location, {}, [], "in postgres"),
-                 (self.bank, {}, ["in sqlite"], None), (self.location, {"soc_version": "soc-b2"}, [], None),
-                 (self.location, {}, ["in postgres"], None)]
-        for bank, chip, found, written in cases:
-            self.init(bank=bank, **chip)
-            self.assertEqual([r["knowledge"] for r in search("k", "Add")], found)
-            if written:
-                interface.ovra_kb_write("k", written, ADD, 0)
-
     def test_text_the_server_cannot_store_is_an_argument_error(self):
         self.init()
         long_key = "".join(chr(0x4E00 + (n * 7919) % 20000) for n in range(4000))
@@ -137,6 +127,10 @@ class PostgresBankTest(ServerTestCase, BankContract):
         with self.assertKbError(errors.BANK_PATH_UNUSABLE, self.secret) as caught:
             interface.ovra_kb_init(SYS, {"op_bank_path": pg_support.with_query(self.location, colour="blue")})
         self.assertIn("colour", error_info(caught.exception)["message"])
+
+
+class PostgresLifecycleTest(ServerTestCase, test_interface.LifecycleTest):
+    pass
 
 
 class PostgresOperationTest(ServerTestCase, test_interface.OperationTest):
@@ -204,6 +198,7 @@ class ConnectionTest(ServerTestCase):
             self.assertEqual(done.returncode, 0, done.stdout)
 
         self.init()
+        server = pg_support.driver().conninfo.conninfo_to_dict(pg_support.URL)
         for number in range(300):
             interface.ovra_kb_write("r%03d" % number, "v", ADD, 1)
         pg_ctl("stop", "-m", "immediate")  # no shutdown checkpoint: the server recovers from its write-ahead log
@@ -213,8 +208,7 @@ class ConnectionTest(ServerTestCase):
                          lambda: wait_for(interface.ovra_kb_search_async("", {"op_type": "*", "search_type": "all"}))):
                 with self.assertKbError(errors.CONNECTION_LOST, self.secret) as caught:
                     call()
-                self.assertIn("%s:%d is running" % pg_support.url_parts(self.location),
-                              error_info(caught.exception)["message"])
+                self.assertIn("%(host)s:%(port)s is running" % server, error_info(caught.exception)["message"])
         finally:
             pg_ctl("start")
         interface.ovra_kb_write("k", "v", ADD, 1)  # the same session finds the server again
