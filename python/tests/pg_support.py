@@ -6,22 +6,19 @@ import os
 import socket
 import uuid
 
+try:
+    import psycopg
+except ImportError:  # the server tests skip
+    psycopg = None
+
 URL = os.environ.get("OVRA_KB_TEST_POSTGRES_URL", "")
-
-
-def driver():
-    try:
-        import psycopg
-    except ImportError:
-        return None
-    return psycopg
 
 
 def skip_reason():
     """Why the server tests cannot run here, or None."""
     if not URL:
         return "no PostgreSQL server configured (OVRA_KB_TEST_POSTGRES_URL is unset)"
-    if driver() is None:
+    if psycopg is None:
         return "psycopg 3 is not importable by this interpreter"
     return None
 
@@ -32,11 +29,11 @@ def with_query(url, **options):
 
 
 def admin_connect(url=None):
-    return driver().connect(url or URL, autocommit=True)
+    return psycopg.connect(url or URL, autocommit=True)
 
 
 def password():
-    return driver().conninfo.conninfo_to_dict(URL).get("password") or ""
+    return psycopg.conninfo.conninfo_to_dict(URL).get("password") or ""
 
 
 def free_port():

@@ -180,8 +180,7 @@ class OperationTest(KbTestCase):
             knowledge.encode("utf-8")  # text that no bank can store fails first, as in a real bank
             raise ValueError(knowledge)
 
-        # (name, the large text, the call refused because of it or beside it, expected code). A call takes
-        # the text out of a list, so that its own frame, which stays the caller of the package's, holds none.
+        # (name, large text, the call it refuses, code); a call pops the text, so its frame, the caller's, holds none
         cases = [
             ("op type '*'", "k" * 100000, lambda h: write("k", h.pop(), {"op_type": "*"}, 0), errors.INVALID_OP_TYPE),
             ("flag quoted", "k" * 100000, lambda h: write("k", "v", ADD, h.pop()), errors.INVALID_ARGUMENT),
@@ -205,8 +204,7 @@ class OperationTest(KbTestCase):
                         kept = exc
                 self.assertEqual(errors.error_info(kept)["errCode"] if code else None, code)
                 self.assertGreater(len(traceback.format_tb(kept.__traceback__)), 2, "where it failed still shows")
-                # What the library keeps: the exception with its traceback from the package's entry point on
-                # (here the traceback starts with this test's frames, which hold the text themselves).
+                # The library keeps the traceback from the package's entry point on; this test's frames hold the text.
                 tb = kept.__traceback__
                 while tb is not None and tb.tb_frame.f_code.co_filename != interface.__file__:
                     tb = tb.tb_next

@@ -143,8 +143,7 @@ time.sleep(120)
             writer.communicate()
 
     def test_a_database_that_goes_is_refused_until_the_bank_is_opened_anew_which_reads_only_what_is_there(self):
-        # The -wal and -shm files of a database removed or replaced while open stay under their names; the
-        # next database at that path must not take them for its own journal (and so mix in the old records).
+        # A gone database's -wal and -shm files stay: the next database there must not read them as its journal.
         db_path, other = os.path.join(self.bank, sqlite_backend.DB_FILE_NAME), os.path.join(self.tmp, "other")
 
         def replace_by_another_bank():
