@@ -1,6 +1,5 @@
-"""The PostgreSQL server of the tests, and a scratch schema for each test. The server tests run when
-OVRA_KB_TEST_POSTGRES_URL names a database whose user may create schemas in it (scripts/ci_postgres.sh starts
-a throwaway server and sets it), and this interpreter can import psycopg 3."""
+"""The tests' PostgreSQL server and a scratch schema per test. Server tests run where psycopg 3 imports and
+OVRA_KB_TEST_POSTGRES_URL names a database whose user may create schemas (scripts/ci_postgres.sh sets one up)."""
 
 import os
 import socket

@@ -1,5 +1,4 @@
-"""Shared helpers of the package tests: a bank of its own for each test, and searches polled as the native
-library polls them."""
+"""Shared helpers of the package tests: a bank of each test's own, and searches polled as the library polls."""
 
 import contextlib
 import os
@@ -44,8 +43,7 @@ def keywords(rows):
 
 
 class KbTestCase(unittest.TestCase):
-    """Gives each test its own bank (``location``: a directory here, a schema on a server in the PostgreSQL
-    variants) and leaves the package finalised."""
+    """Each test gets its own bank (``location``: a directory, or a server schema) and leaves the package finalised."""
 
     secret = None  # what no error may show
 
@@ -70,8 +68,7 @@ class KbTestCase(unittest.TestCase):
 
     @contextlib.contextmanager
     def assertKbError(self, code, secret=None):
-        """The block raises the package's error ``code``; its report, traceback included, never shows
-        ``secret``."""
+        """The block raises the package's error ``code``; its report, traceback included, never shows ``secret``."""
         with self.assertRaises(RuntimeError) as caught:
             yield caught
         info = error_info(caught.exception)

@@ -38,17 +38,9 @@ def raised(exc):
 
 
 PACKAGE_ERROR = raised(errors.kb_error(errors.INVALID_CORE_NUM, "core_num is bad.", core_num="x"))
-
-
-def undecodable(text):
-    """What the library's argument building raises for text that is not UTF-8: no traceback."""
-    try:
-        text.decode("utf-8")
-    except UnicodeDecodeError as exc:
-        return type(exc), exc, None
-
-
-NOT_UTF8 = undecodable(b"k" * (1 << 20) + b"\xc3(" + b"k" * 100)
+# What the library's argument building raises for text that is not UTF-8 (it has no traceback).
+NOT_UTF8 = (UnicodeDecodeError, UnicodeDecodeError("utf-8", b"k" * (1 << 20) + b"\xc3(" + b"k" * 100, 1 << 20,
+                                                   (1 << 20) + 1, "invalid continuation byte"), None)
 
 # (name, arguments, expected errCode, expected entries)
 CASES = [

@@ -1,6 +1,5 @@
-"""The PostgreSQL bank: the tests that every bank passes, run against a server, and what only a server brings:
-redacted locations, durability, lost connections, connection options and TLS. The server classes skip without
-one (see tests/pg_support.py); the others run on every interpreter."""
+"""The PostgreSQL bank: every bank's tests on a server, and what only a server brings (redacted locations,
+durability, lost connections, options, TLS). The server classes skip without one (pg_support.py); the rest don't."""
 
 import os
 import subprocess

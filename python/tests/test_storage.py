@@ -1,6 +1,5 @@
-"""The banks on their own: records, keys, prefix ranges, query plans and schema versions, which every backend
-must get alike (BankContract; the PostgreSQL variant is in test_postgres.py), and what only the SQLite bank
-meets: a database removed, replaced or damaged under it, and writers that die."""
+"""What every bank must do alike (BankContract, run on a server by test_postgres.py: records, keys, prefixes,
+query plans, schema versions), and what only the SQLite bank meets: a database that goes, writers that die."""
 
 import contextlib
 import os

@@ -67,8 +67,7 @@ class CliTestCase(unittest.TestCase):
         return json.loads(self.kb("search", "--json", *args, **kwargs).stdout)
 
     def exported(self, bank=None):
-        """The bank's records as (soc_version, core_num, op_type, keyword, knowledge), which an export gives in
-        key order, code point by code point; none where there is no bank."""
+        """The bank's (soc_version, core_num, op_type, keyword, knowledge) records, which export sorts by code point."""
         bank = bank or self.bank
         if "://" not in bank and not os.path.exists(bank):
             return []
