@@ -60,7 +60,6 @@ CASES = [
     ("non-string arguments", (1, 2, 3), log.GENERIC_ERROR_CODE, {"message": "2"}),
     ("string value", (ValueError, "text", None), log.GENERIC_ERROR_CODE, {"message": "text"}),
     ("surrogates and NUL", raised(ValueError("bad \ud800 \x00 end")), log.GENERIC_ERROR_CODE, {}),
-    ("keyboard interrupt", raised(KeyboardInterrupt()), log.GENERIC_ERROR_CODE, {}),
     ("too many arguments", (ValueError, ValueError("x"), None, "extra"), log.GENERIC_ERROR_CODE, {"message": "x"}),
     ("text that is not UTF-8", NOT_UTF8, errors.INVALID_ARGUMENT,
      {"argument": "keyword or knowledge", "argument_start": repr(b"k" * 24)}),
