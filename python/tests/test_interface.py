@@ -175,9 +175,10 @@ class OperationTest(KbTestCase):
     def test_a_refusal_keeps_no_large_argument_of_its_call_alive(self):
         # The native library keeps every error it reports, with its traceback, for the life of the process.
         write, start = interface.ovra_kb_write, interface.ovra_kb_search_async
+        real_write = type(interface._KB.session.backend).write
 
         def failing_write(backend, scope, op_type, keyword, knowledge, durable):
-            knowledge.encode("utf-8")  # text that no bank can store fails first, as in a real bank
+            real_write(backend, scope, op_type, keyword, knowledge, durable)  # text no bank can store fails here
             raise ValueError(knowledge)
 
         # (name, large text, the call it refuses, code); a call pops the text, so its frame, the caller's, holds none
