@@ -1,27 +1,23 @@
-"""The PostgreSQL server of the tests, and a scratch schema for each test. The server tests run when
-OVRA_KB_TEST_POSTGRES_URL names a database whose user may create schemas in it (scripts/ci_postgres.sh starts
-a throwaway server and sets it), and this interpreter can import psycopg 3."""
+"""The tests' PostgreSQL server and a scratch schema per test. Server tests run where psycopg 3 imports and
+OVRA_KB_TEST_POSTGRES_URL names a database whose user may create schemas (scripts/ci_postgres.sh sets one up)."""
 
 import os
 import socket
 import uuid
 
+try:
+    import psycopg
+except ImportError:  # the server tests skip
+    psycopg = None
+
 URL = os.environ.get("OVRA_KB_TEST_POSTGRES_URL", "")
-
-
-def driver():
-    try:
-        import psycopg
-    except ImportError:
-        return None
-    return psycopg
 
 
 def skip_reason():
     """Why the server tests cannot run here, or None."""
     if not URL:
         return "no PostgreSQL server configured (OVRA_KB_TEST_POSTGRES_URL is unset)"
-    if driver() is None:
+    if psycopg is None:
         return "psycopg 3 is not importable by this interpreter"
     return None
 
@@ -32,11 +28,11 @@ def with_query(url, **options):
 
 
 def admin_connect(url=None):
-    return driver().connect(url or URL, autocommit=True)
+    return psycopg.connect(url or URL, autocommit=True)
 
 
 def password():
-    return driver().conninfo.conninfo_to_dict(URL).get("password") or ""
+    return psycopg.conninfo.conninfo_to_dict(URL).get("password") or ""
 
 
 def free_port():
@@ -64,8 +60,3 @@ class Schema(object):
         with admin_connect() as conn:
             conn.execute("DROP SCHEMA IF EXISTS %s CASCADE" % self.name)
 
-
-def url_parts(url):
-    """(host, port) of the server URL; the tests need a TCP address."""
-    params = driver().conninfo.conninfo_to_dict(url)
-    return params.get("host") or "127.0.0.1", int(params.get("port") or 5432)

@@ -1,13 +1,9 @@
-"""Shared helpers of the package tests: a bank of its own for each test, and searches polled as the native
-library polls them."""
+"""Shared helpers of the package tests: a bank of each test's own, and searches polled as the library polls."""
 
 import contextlib
 import os
 import shutil
-import subprocess
-import sys
 import tempfile
-import textwrap
 import time
 import unittest
 
@@ -20,20 +16,6 @@ PACKAGE_ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 SYS = {"soc_version": "soc-a1", "core_num": "32"}
 SCOPE = ("soc-a1", "32")
 ADD = {"op_type": "Add"}
-# What a child interpreter runs first: the bank of its first argument opened for SYS.
-CHILD_PRELUDE = """
-import os, sys, time
-from oxe.common.repository_manager import interface as kb
-from tests.support import ADD, SYS, keywords, search
-kb.ovra_kb_init(SYS, {"op_bank_path": sys.argv[1]})
-"""
-
-
-def start_python(code, *args):
-    """Start ``sys.executable`` running ``code`` (dedented) with the package and these helpers importable."""
-    env = dict(os.environ, PYTHONPATH=PACKAGE_ROOT, PYTHONDONTWRITEBYTECODE="1")
-    return subprocess.Popen([sys.executable, "-c", textwrap.dedent(code)] + [str(a) for a in args], env=env,
-                            stdout=subprocess.PIPE, stderr=subprocess.PIPE, universal_newlines=True)
 
 
 def config(op_type, search_type=None):
@@ -61,8 +43,7 @@ def keywords(rows):
 
 
 class KbTestCase(unittest.TestCase):
-    """Gives each test its own bank (``location``: a directory here, a schema on a server in the PostgreSQL
-    variants) and leaves the package finalised."""
+    """Each test gets its own bank (``location``: a directory, or a server schema) and leaves the package finalised."""
 
     secret = None  # what no error may show
 
@@ -87,8 +68,7 @@ class KbTestCase(unittest.TestCase):
 
     @contextlib.contextmanager
     def assertKbError(self, code, secret=None):
-        """The block raises the package's error ``code``; its report, traceback included, never shows
-        ``secret``."""
+        """The block raises the package's error ``code``; its report, traceback included, never shows ``secret``."""
         with self.assertRaises(RuntimeError) as caught:
             yield caught
         info = error_info(caught.exception)

@@ -38,14 +38,9 @@ def raised(exc):
 
 
 PACKAGE_ERROR = raised(errors.kb_error(errors.INVALID_CORE_NUM, "core_num is bad.", core_num="x"))
-
-
-def undecodable(text):
-    """What the library's argument building raises for text that is not UTF-8: no traceback."""
-    try:
-        text.decode("utf-8")
-    except UnicodeDecodeError as exc:
-        return type(exc), exc, None
+# What the library's argument building raises for text that is not UTF-8 (it has no traceback).
+NOT_UTF8 = (UnicodeDecodeError, UnicodeDecodeError("utf-8", b"k" * (1 << 20) + b"\xc3(" + b"k" * 100, 1 << 20,
+                                                   (1 << 20) + 1, "invalid continuation byte"), None)
 
 # (name, arguments, expected errCode, expected entries)
 CASES = [
@@ -65,10 +60,9 @@ CASES = [
     ("non-string arguments", (1, 2, 3), log.GENERIC_ERROR_CODE, {"message": "2"}),
     ("string value", (ValueError, "text", None), log.GENERIC_ERROR_CODE, {"message": "text"}),
     ("surrogates and NUL", raised(ValueError("bad \ud800 \x00 end")), log.GENERIC_ERROR_CODE, {}),
-    ("keyboard interrupt", raised(KeyboardInterrupt()), log.GENERIC_ERROR_CODE, {}),
     ("too many arguments", (ValueError, ValueError("x"), None, "extra"), log.GENERIC_ERROR_CODE, {"message": "x"}),
-    ("text that is not UTF-8", undecodable(b"tile\xff_m128"), errors.INVALID_ARGUMENT,
-     {"argument": "keyword or knowledge", "argument_start": "b'tile\\xff_m128'"}),
+    ("text that is not UTF-8", NOT_UTF8, errors.INVALID_ARGUMENT,
+     {"argument": "keyword or knowledge", "argument_start": repr(b"k" * 24)}),
     ("a decode error with a traceback", raised(UnicodeDecodeError("utf-8", b"\xff", 0, 1, "bad")),
      log.GENERIC_ERROR_CODE, {"error_type": "UnicodeDecodeError"}),
 ]
@@ -90,10 +84,9 @@ class LogTest(unittest.TestCase):
         text = log.get_py_exception_str(*PACKAGE_ERROR)
         self.assertTrue(text.startswith("Traceback (most recent call last):"), text)
         self.assertIn("RuntimeError: {'errCode': '%s'" % errors.INVALID_CORE_NUM, text.splitlines()[-1])
-
-    def test_a_decode_error_keeps_only_its_bad_bytes(self):
         # The library keeps the exception: of a 1 MB text only the bad bytes and 16 on either side stay.
-        args = undecodable(b"k" * (1 << 20) + b"\xc3(" + b"k" * 100)
-        self.assertIn("invalid continuation byte", log.get_py_exception_dict(*args)["message"])
-        self.assertEqual((args[1].object, args[1].start, args[1].end), (b"k" * 16 + b"\xc3(" + b"k" * 15, 16, 17))
-        self.assertLess(len(repr(args[1].args)), 200)
+        self.assertIn("invalid continuation byte", log.get_py_exception_dict(*NOT_UTF8)["message"])
+        kept = NOT_UTF8[1]
+        self.assertEqual((kept.object, kept.start, kept.end), (b"k" * 16 + b"\xc3(" + b"k" * 15, 16, 17))
+        self.assertLess(len(repr(kept.args)), 200)
+

@@ -1,6 +1,5 @@
-"""The PostgreSQL bank: the tests that every bank passes, run against a server, and what only a server brings:
-redacted locations, durability, lost connections, connection options and TLS. The server classes skip without
-one (see tests/pg_support.py); the others run on every interpreter."""
+"""The PostgreSQL bank: every bank's tests on a server, and what only a server brings (redacted locations,
+durability, lost connections, options, TLS). The server classes skip without one (pg_support.py); the rest don't."""
 
 import os
 import subprocess
@@ -100,16 +99,6 @@ class PostgresBankTest(ServerTestCase, BankContract):
                 backend.close()
                 self.assertEqual(meta_version_row() != before, flushed)
 
-    def test_switching_between_directory_and_server_banks(self):
-        cases = [(self.bank, {}, [], "in sqlite"), (self.location, {}, [], "in postgres"),
-                 (self.bank, {}, ["in sqlite"], None), (self.location, {"soc_version": "soc-b2"}, [], None),
-                 (self.location, {}, ["in postgres"], None)]
-        for bank, chip, found, written in cases:
-            self.init(bank=bank, **chip)
-            self.assertEqual([r["knowledge"] for r in search("k", "Add")], found)
-            if written:
-                interface.ovra_kb_write("k", written, ADD, 0)
-
     def test_text_the_server_cannot_store_is_an_argument_error(self):
         self.init()
         long_key = "".join(chr(0x4E00 + (n * 7919) % 20000) for n in range(4000))
@@ -137,6 +126,10 @@ class PostgresBankTest(ServerTestCase, BankContract):
         with self.assertKbError(errors.BANK_PATH_UNUSABLE, self.secret) as caught:
             interface.ovra_kb_init(SYS, {"op_bank_path": pg_support.with_query(self.location, colour="blue")})
         self.assertIn("colour", error_info(caught.exception)["message"])
+
+
+class PostgresLifecycleTest(ServerTestCase, test_interface.LifecycleTest):
+    pass
 
 
 class PostgresOperationTest(ServerTestCase, test_interface.OperationTest):
@@ -204,6 +197,7 @@ class ConnectionTest(ServerTestCase):
             self.assertEqual(done.returncode, 0, done.stdout)
 
         self.init()
+        server = pg_support.psycopg.conninfo.conninfo_to_dict(pg_support.URL)
         for number in range(300):
             interface.ovra_kb_write("r%03d" % number, "v", ADD, 1)
         pg_ctl("stop", "-m", "immediate")  # no shutdown checkpoint: the server recovers from its write-ahead log
@@ -213,8 +207,7 @@ class ConnectionTest(ServerTestCase):
                          lambda: wait_for(interface.ovra_kb_search_async("", {"op_type": "*", "search_type": "all"}))):
                 with self.assertKbError(errors.CONNECTION_LOST, self.secret) as caught:
                     call()
-                self.assertIn("%s:%d is running" % pg_support.url_parts(self.location),
-                              error_info(caught.exception)["message"])
+                self.assertIn("%(host)s:%(port)s is running" % server, error_info(caught.exception)["message"])
         finally:
             pg_ctl("start")
         interface.ovra_kb_write("k", "v", ADD, 1)  # the same session finds the server again
@@ -228,10 +221,8 @@ TLS_ROOT = os.environ.get("OVRA_KB_TEST_PG_SSL_ROOT", "")
 @unittest.skipUnless(TLS_ROOT, "the test server has no TLS (OVRA_KB_TEST_PG_SSL_ROOT is unset)")
 class TlsTest(ServerTestCase):
     def test_sslmode_options_reach_the_server_and_one_that_fails_verification_is_not_used(self):
-        # An option given twice takes its last value: these follow the server URL's sslmode=disable. The
-        # server's certificate names 127.0.0.1.
+        # The last of an option given twice wins, so these override the URL's sslmode; the certificate names 127.0.0.1.
         localhost = self.location.replace("@127.0.0.1:", "@localhost:")
-        self.assertNotEqual(localhost, self.location)
         verify = {"sslmode": "verify-full", "sslrootcert": TLS_ROOT}
         cases = [  # (bank, its TLS options, what its refusal says; None when it works)
             (self.location, {"sslmode": "require"}, None),

@@ -1,7 +1,6 @@
-"""The ovra-kb command, run as a real process against the real library, package and bank directories. CTest
-runs each case (`--list`; `--list-server`: the PostgreSQL bank's, see tests/postgres) in a process of its own,
-with the command (OVRA_KB_CLI), the python3 put first on PATH (OVRA_KB_TEST_PYTHON), the reference package
-(OVRA_KB_PACKAGE_DIR), the project version (OVRA_KB_VERSION) and the server (see python/tests/pg_support.py)."""
+"""The ovra-kb command as a real process on the real library, package and banks. CTest runs each case (`--list`;
+`--list-server`: the PostgreSQL bank's, see tests/postgres) alone, given OVRA_KB_CLI, OVRA_KB_TEST_PYTHON (put
+first on PATH as python3), OVRA_KB_PACKAGE_DIR, OVRA_KB_VERSION and the server of python/tests/pg_support.py."""
 import json
 import os
 import re
@@ -20,9 +19,6 @@ PACKAGE_DIR = os.environ.get("OVRA_KB_PACKAGE_DIR") or os.path.join(os.path.dirn
                                                                      "..", "..", "python")
 VERSION = os.environ.get("OVRA_KB_VERSION", "")
 STAND_IN_DIR = os.path.join(os.path.dirname(os.path.abspath(__file__)), "stand_in")
-PYENV_SHIM = os.path.expanduser("~/.pyenv/shims/python3")
-MODULES = ("oxe.common.repository_manager.interface",
-           "oxe.common.repository_manager.utils.repository_manager_log")
 sys.path.insert(0, PACKAGE_DIR)
 from tests import pg_support  # noqa: E402 (the package's server helpers)
 
@@ -71,8 +67,7 @@ class CliTestCase(unittest.TestCase):
         return json.loads(self.kb("search", "--json", *args, **kwargs).stdout)
 
     def exported(self, bank=None):
-        """The bank's records as (soc_version, core_num, op_type, keyword, knowledge), which an export gives in
-        key order, code point by code point; none where there is no bank."""
+        """The bank's (soc_version, core_num, op_type, keyword, knowledge) records, which export sorts by code point."""
         bank = bank or self.bank
         if "://" not in bank and not os.path.exists(bank):
             return []
@@ -108,7 +103,6 @@ class RoundTripTest(CliTestCase):
             (("a1", "--op-type", "MatMul"), matmul[:1]),
             (("a1", "--type", "exact", "--op-type", "MatMul"), matmul[:1]),
             (("a", "--type", "prefix", "--op-type", "MatMul"), matmul[:2]),
-            (("a1", "--op-type", "MatMul", "--cores", "16"), []),
             (("--type", "all", "--op-type", "*"), [("a1", "Conv2D")] + matmul),
         ]
         for args, expected in cases:
@@ -124,7 +118,9 @@ class RoundTripTest(CliTestCase):
         self.assertIn("deleted a2", self.kb("delete", "a2", "--op-type", "MatMul").stdout)
         gone = self.kb("search", "a2", "--op-type", "MatMul", "--verbose")
         self.assertEqual((gone.stdout, "[EVENT]" in gone.stderr), ("no record found\n", True))
-        self.assertIn("nothing to delete", self.kb("delete", "a2", "--op-type", "MatMul").stdout)
+        # Without --verbose the library's log is off, unless the user set its level.
+        again = self.kb("delete", "a2", "--op-type", "MatMul", env={"OVRA_LOG_LEVEL": "debug"})
+        self.assertEqual(("nothing to delete" in again.stdout, "[DEBUG]" in again.stderr), (True, True))
 
     def test_table_cuts_long_cells_at_the_terminal_width(self):
         # A wide character fills two columns of a terminal; a long keyword gives up space too.
@@ -136,8 +132,6 @@ class RoundTripTest(CliTestCase):
         self.assertTrue(all(width <= 40 for width in columns), cut)
         self.assertEqual(sorted(w for w, line in zip(columns, cut) if line.endswith("\u2026")), [39, 40], cut)
         self.assertTrue(any(line.startswith("k" * 12 + "\u2026 ") for line in cut), cut)
-        whole = self.kb("search", "--type", "all").stdout
-        self.assertEqual(sorted(table_rows(whole)), sorted((k, "generic", v) for k, v in records.items()))
 
 
 class ExportImportTest(CliTestCase):
@@ -287,13 +281,6 @@ esac
         with open(blocker) as kept:
             self.assertEqual(kept.read(), "keep me")
 
-    def test_the_library_log_shows_at_the_users_level(self):
-        result = self.kb("search", "kept", "--type", "fuzzy", "--op-type", "MatMul", env={"OVRA_LOG_LEVEL": "error"},
-                         status=6)
-        lines = result.stderr.splitlines()
-        self.assertTrue(any(line.startswith("[ERROR]") for line in lines), result.stderr)
-        self.assertTrue(lines[-1].startswith("ovra-kb: the knowledge base refused the call"), lines[-1])
-
 
 class CommandLineTest(CliTestCase):
     def test_version_help_and_usage_errors(self):
@@ -350,7 +337,8 @@ class CommandLineTest(CliTestCase):
 
 
 class DoctorTest(CliTestCase):
-    CHECKS = ["python3", "LDLIBRARY", "LIBDIR", "runtime", MODULES[0], MODULES[1], "bank"]
+    CHECKS = ["python3", "LDLIBRARY", "LIBDIR", "runtime", "oxe.common.repository_manager.interface",
+              "oxe.common.repository_manager.utils.repository_manager_log", "bank"]
 
     def doctor(self, status, bank=None, **kwargs):
         lines = self.run_cli("doctor", "--bank", bank or self.bank, status=status, **kwargs).stdout.splitlines()
@@ -366,7 +354,8 @@ class DoctorTest(CliTestCase):
             ("a script", "#!/bin/sh\nexec %s \"$@\"\n" % TEST_PYTHON, 0, {"python3": r"is a script \(a shim\?\) for "
              r"%s \(Python 3\.[0-9.]+\); it adds \d+ ms to each of the library's two queries \(\d+ ms against \d+ ms "
              r"direct\)" % re.escape(TEST_PYTHON)}),
-            ("pyenv's shim", PYENV_SHIM, None, {"python3": "python3: %s is pyenv's shim for .*; it adds" % python3}),
+            ("pyenv's shim", os.path.expanduser("~/.pyenv/shims/python3"), None,
+             {"python3": "python3: %s is pyenv's shim for .*; it adds" % python3}),
             ("none", None, 1, {"python3": r"^fix +python3: none on PATH; install a CPython .* shared library",
                                "bank": "^ok "}),
         ]
@@ -435,15 +424,10 @@ class DoctorTest(CliTestCase):
         self.assertRegex(lines[-1], r"^ok +database: ")
 
     def read_only_view(self):
-        """A runner of ovra-kb on the test's bank seen read-only: as root through a read-only bind mount in a
-        mount namespace of the command's own, else with the bank's write permissions taken away."""
-        if os.geteuid() != 0:
-            for path in (self.bank, os.path.join(self.bank, "ovra_kb.db")):
-                os.chmod(path, 0o555)
-                self.addCleanup(os.chmod, path, 0o755)
-            return lambda *args, status=0: self.kb(*args, status=status)
+        """A runner of ovra-kb on the test's bank seen through a read-only bind mount, made in a user and mount
+        namespace of the command's own (so without root too)."""
         view = self.make_dir("read-only-view")
-        mount = ["unshare", "-m", "sh", "-c", 'mount --bind -o ro "$1" "$2" && shift 2 && exec "$@"', "sh",
+        mount = ["unshare", "-r", "-m", "sh", "-c", 'mount --bind -o ro "$1" "$2" && shift 2 && exec "$@"', "sh",
                  self.bank, view]
         if subprocess.run(mount + ["true"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode != 0:
             self.skipTest("no read-only bind mount here")
@@ -537,7 +521,7 @@ class ServerBankTest(ExportImportTest):
         self.bank, self.password = schema.url, pg_support.password()
 
     def test_refused_connections_and_logins_name_the_fix_and_never_the_password(self):
-        params = pg_support.driver().conninfo.conninfo_to_dict(pg_support.URL)
+        params = pg_support.psycopg.conninfo.conninfo_to_dict(pg_support.URL)
         host, port, user, db = params["host"], params.get("port", "5432"), params["user"], params["dbname"]
         free = pg_support.free_port()
         wrong = "Wr0ng-pa55-%s" % uuid.uuid4().hex[:6]
