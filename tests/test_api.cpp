@@ -288,7 +288,7 @@ struct FaultCase {
     Strings lines;                  // before the start-up's own two
     std::string lastTracebackLine;  // empty: nothing raised, nothing reported
     std::string code;
-    StrMap details = {};  // of the report; without a code of its own, the last traceback line ends with a full stop
+    StrMap details = {};  // of the report; empty: the fallback, "result" = the last traceback line and a full stop
 };
 
 // Named by its label: printed byte by byte, the case would show its padding, which memcheck reports.
