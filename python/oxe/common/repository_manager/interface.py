@@ -178,8 +178,8 @@ def _entry(function):
             _forget_locals(exc)
             if errors.error_info(exc) is None:
                 raise
-            exc.__cause__ = exc.__context__ = None
-            raise exc.with_traceback(None)
+            exc.__cause__ = exc.__context__ = exc.__traceback__ = None
+            raise exc
         finally:
             _empty_dictionaries(args)
             del args
