@@ -55,9 +55,9 @@ set(CPACK_PACKAGE_NAME "ovra-kb")
 set(CPACK_PACKAGE_VENDOR "libovra_kb developers")
 set(CPACK_PACKAGE_CONTACT "libovra_kb developers <maintainers@users.noreply.c-seed-5abd4ea0.example>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
-set(CPACK_PACKAGE_DESCRIPTION "libovra_kb.so gives native C++ programs a blocking interface (init, search,
-write, delete, finalize) to a knowledge base of operator tuning records whose
-logic is a Python package; it loads the runtime of python3 at run time.
+set(CPACK_PACKAGE_DESCRIPTION "libovra_kb.so gives native C and C++ programs a blocking interface (init,
+search, write, delete, finalize) to a knowledge base of operator tuning records
+whose logic is a Python package; it loads the runtime of python3 at run time.
 The package also holds the default platform library, the headers with the
 CMake and pkg-config packages, the ovra-kb command and the reference
 knowledge-base package.")
