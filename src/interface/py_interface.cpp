@@ -16,25 +16,6 @@ PyObject *KbModule()
     return Singleton<OvraKbPyfuncMgr>::Instance().GetOvraKbInterface().get();
 }
 
-// Holds the interpreter lock for the life of the object, from any thread. The thread keeps its Python
-// thread state between calls, so the lock functions only restore and park it.
-class GilGuard {
-  public:
-    GilGuard() : state_(EnsureWithKeptThreadState()) {}
-    ~GilGuard() { PyApi().PyGILState_Release(state_); }
-    GilGuard(const GilGuard &) = delete;
-    GilGuard &operator=(const GilGuard &) = delete;
-
-  private:
-    static PyGILState_STATE EnsureWithKeptThreadState()
-    {
-        OvraKbPyfuncMgr::KeepCallerThreadState();
-        return PyApi().PyGILState_Ensure();
-    }
-
-    PyGILState_STATE state_;
-};
-
 bool HasKeys(const StrMap &map, std::initializer_list<const char *> keys)
 {
     for (const char *key : keys) {
@@ -87,6 +68,10 @@ PyObjectPtr CaptureAndReportException()
     (void)PyWrapper::GetPyException(fetched.type, fetched.value, fetched.traceback);
     PyObjectPtr exc(nullptr, fetched.type, fetched.value, fetched.traceback);
     PyErrMessageReport(exc);
+    if (PyWrapper::ReleasesKept()) {
+        PyWrapper::DropKept(fetched);
+        return PyObjectPtr();
+    }
     return exc;
 }
 
@@ -167,11 +152,12 @@ std::uint32_t RunChange(const ChangeMessages &messages, const StrMap &writeConfi
         PyWrapper::PyObjectDecRefAll({dict});
         return OVRA_KB_VALUE_CONVERSION_FAILED;
     }
-    // The filled dictionary is kept for the life of the process, on purpose.
     PyObject *module = KbModule();
     // Built once, from the reply or empty: an empty holder assigned afterwards would allocate a second
     // control block on every call.
     PyObjectPtr reply = module != nullptr ? HoldReply(callModule(module, dict)) : PyObjectPtr();
+    // The filled dictionary is kept for the life of the process, on purpose.
+    PyWrapper::DropKept(dict);
     if (reply.get() == nullptr || !ParsesAsZero(reply)) {
         messages.callFailed();
         return OVRA_KB_PYTHON_CALL_FAILED;
@@ -200,6 +186,7 @@ PollResult PollSearchOnce(PyObjectPtr &taskHandle, std::vector<StrMap> &results)
     // One reference on the flag object is kept on purpose for every cycle.
     RefCount(finished) += 1;
     int truth = api.PyObject_IsTrue(finished);
+    PyWrapper::DropKept(finished);
     if (truth == 1) {
         PyWrapper::PylistToVec(api.PyTuple_GetItem(reply.get(), 1), results);
         taskHandle = PyObjectPtr();
@@ -293,6 +280,9 @@ std::uint32_t GetParamsFromSearchConfig(const StrMap &searchConfigMap, PyObject 
     (void)api.PyDict_SetItemString(dict, "return_type", returnType);
     (void)api.PyDict_SetItemString(dict, "search_type", searchType);
     PyWrapper::PyObjectDecRefAll(std::move(values));
+    if (searchType == api._Py_NoneStruct) {
+        PyWrapper::DropKept(searchType);
+    }
     return OVRA_KB_SUCCESS;
 }
 
@@ -382,13 +372,14 @@ std::uint32_t OvraKbInit(const StrMap &sysConfigMap, const StrMap &loadConfigMap
         PyWrapper::PyObjectDecRefAll({loadDict});
         return OVRA_KB_VALUE_CONVERSION_FAILED;
     }
-    // From here on both dictionaries are kept for the life of the process, on purpose.
     PyObject *module = KbModule();
-    if (module == nullptr) {
-        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Failed to call ovra_kb_init.");
-        return OVRA_KB_PYTHON_CALL_FAILED;
-    }
-    PyObjectPtr reply = HoldReply(api.PyObject_CallMethod(module, "ovra_kb_init", "OO", sysDict, loadDict));
+    // Without the module no call is made.
+    PyObjectPtr reply =
+        module != nullptr ? HoldReply(api.PyObject_CallMethod(module, "ovra_kb_init", "OO", sysDict, loadDict))
+                          : PyObjectPtr();
+    // From here on both dictionaries are kept for the life of the process, on purpose.
+    PyWrapper::DropKept(sysDict);
+    PyWrapper::DropKept(loadDict);
     if (reply.get() == nullptr || !ParsesAsZero(reply)) {
         OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Failed to call ovra_kb_init.");
         return OVRA_KB_PYTHON_CALL_FAILED;

@@ -27,8 +27,8 @@ class OvraKbPyfuncMgr : public Singleton<OvraKbPyfuncMgr> {
     // Gives the calling thread, before it takes the interpreter lock, a Python thread state that lasts
     // until the thread ends or this library finalises the interpreter, instead of one made and destroyed
     // by every call. A thread that owns a state already (the initialising thread, a host's Python thread)
-    // is left as it is.
-    static void KeepCallerThreadState();
+    // is left as it is. True when the thread's state is this library's own rather than a host's.
+    static bool KeepCallerThreadState();
 
     PyThreadState *SavedThreadState() const { return savedThreadState_; }
     bool PyAlreadyInited() const { return pyAlreadyInited_; }
@@ -48,9 +48,27 @@ class OvraKbPyfuncMgr : public Singleton<OvraKbPyfuncMgr> {
     friend class Singleton<OvraKbPyfuncMgr>;
     OvraKbPyfuncMgr();
 
+    static bool CallerIsHostPythonThread();
+
     PyThreadState *savedThreadState_ = nullptr;
     bool pyAlreadyInited_ = false;
     PyObjectPtr ovraKbInterface_;
+};
+
+// Holds the interpreter lock for the life of the object, from any thread. The thread keeps its Python thread
+// state between calls, so the lock functions only restore and park it. On a state that this library owns, an
+// error still pending when the lock is given back is discarded: nothing a call leaves behind reaches the
+// thread's next call. A host's own thread state is left as the host's code expects it.
+class GilGuard {
+  public:
+    GilGuard();
+    ~GilGuard();
+    GilGuard(const GilGuard &) = delete;
+    GilGuard &operator=(const GilGuard &) = delete;
+
+  private:
+    bool libraryOwnsState_;
+    PyGILState_STATE state_;
 };
 
 }  // namespace OvraKb
