@@ -40,7 +40,7 @@ LD_LIBRARY_PATH="$stage/lib" "$work/pkg_config_consumer" "$work/bank-pkg-config"
 
 echo "== C program through pkg-config: the C interface's test, built as C99 against the installed header"
 # shellcheck disable=SC2046
-${CC:-cc} -std=c99 -Wall -Wextra -Werror -pthread "$root/tests/test_c_api.c" -o "$work/c_consumer" \
+${CC:-cc} -std=c99 -Wall -Wextra -Werror "$root/tests/test_c_api.c" -o "$work/c_consumer" \
   $(PKG_CONFIG_PATH="$stage/lib/pkgconfig" pkg-config --cflags --libs ovra_kb)
 LD_LIBRARY_PATH="$stage/lib" "$work/c_consumer"
 

@@ -24,6 +24,11 @@ What a Python host must know:
   thread's call runs). A Ctrl-C that arrives during a call on the main thread is raised inside the
   knowledge base's Python code, so that call fails (status 6) rather than raising KeyboardInterrupt
   here: check every status.
+- Pass texts as str encoded to UTF-8, as this example does. This thread's state belongs to the
+  interpreter, so a Python error that a refused call leaves pending (bytes that are not valid UTF-8
+  give status 4; a knowledge base answering with the wrong type gives 6) stays on it, and ctypes
+  then raises SystemError from the call (its __cause__ is that error) instead of returning the
+  status. An error raised by the knowledge base itself is taken and logged: the status comes back.
 - Declare argtypes and restype of every function (sizes are size_t, the result is a pointer). A
   c_char_p restype copies each key and value into bytes, which outlive OvraKbCResultFree.
 """
