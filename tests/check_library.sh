@@ -12,7 +12,7 @@ fail() { echo "FAIL: $*"; status=1; }
 
 plain=$(nm -D --defined-only "$lib" | awk '$2 == "T" || $2 == "W" { print $3 }' | grep -v '^_Z' | sort | tr '\n' ' ')
 c_api=$(grep -o 'OvraKbC[A-Za-z]*(' "$sources/../include/ovra_kb/ovra_kb_c.h" | tr -d '(')
-expected=$(printf '%s\n' OvraKbDelete OvraKbFinalize OvraKbInit OvraKbSearch OvraKbWrite $c_api | sort | tr '\n' ' ')
+expected=$(printf '%s\n' OvraKbDelete OvraKbFinalize OvraKbInit OvraKbSearch OvraKbWrite "$c_api" | sort | tr '\n' ' ')
 [ "$plain" = "$expected" ] || fail "unmangled exported functions are [$plain], not [$expected]"
 
 undefined=$(nm -D --undefined-only "$lib" | c++filt)
