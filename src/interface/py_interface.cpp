@@ -109,6 +109,22 @@ bool PythonSideIsUp()
     return api.IsInited() && api.Py_IsInitialized() != 0;
 }
 
+void LogSearchNotInitialised()
+{
+    OVRA_KB_LOG(OVRA_LEVEL_ERROR, "OvraKbSearch: the knowledge base is not initialised, call OvraKbInit first.");
+}
+
+// What the request answers a search that a finalisation keeps out: the configuration first, then 3.
+std::uint32_t RefuseSearchRequest(const StrMap &searchConfigMap)
+{
+    std::uint32_t status = CheckSearchConfigMap(searchConfigMap);
+    if (status != OVRA_KB_SUCCESS) {
+        return status;
+    }
+    LogSearchNotInitialised();
+    return OVRA_KB_PYTHON_UNAVAILABLE;
+}
+
 // The failure lines of one change operation, each written with its own literal format.
 struct ChangeMessages {
     void (*dictNotCreated)();
@@ -138,7 +154,8 @@ std::uint32_t RunChange(const ChangeMessages &messages, const StrMap &writeConfi
     if (status != OVRA_KB_SUCCESS) {
         return status;
     }
-    if (!PythonSideIsUp()) {
+    CallGate::Call call;
+    if (!call.Admitted() || !PythonSideIsUp()) {
         messages.notInitialised();
         return OVRA_KB_PYTHON_UNAVAILABLE;
     }
@@ -165,13 +182,18 @@ std::uint32_t RunChange(const ChangeMessages &messages, const StrMap &writeConfi
     return OVRA_KB_SUCCESS;
 }
 
-enum class PollResult { NOT_FINISHED, FINISHED, CALL_FAILED, FLAG_FAILED };
+enum class PollResult { NOT_FINISHED, FINISHED, CALL_FAILED, FLAG_FAILED, FINALISED };
 
 // One cycle of the search: asks the module once, under the lock, whether the task finished.
 PollResult PollSearchOnce(PyObjectPtr &taskHandle, std::vector<StrMap> &results)
 {
     HandleManager &api = PyApi();
     GilGuard gil;
+    if (CallGate::Closing()) {
+        taskHandle = PyObjectPtr();
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "OvraKbSearch: the knowledge base is being finalised, the search ends unfinished.");
+        return PollResult::FINALISED;
+    }
     PyObject *module = KbModule();
     // Built once, as in RunChange: one control block per poll, not two.
     PyObjectPtr reply = module != nullptr
@@ -293,7 +315,7 @@ std::uint32_t OvraKbSearchReq(const std::string &keyword, const StrMap &searchCo
         return status;
     }
     if (!PythonSideIsUp()) {
-        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "OvraKbSearch: the knowledge base is not initialised, call OvraKbInit first.");
+        LogSearchNotInitialised();
         return OVRA_KB_PYTHON_UNAVAILABLE;
     }
     HandleManager &api = PyApi();
@@ -427,9 +449,12 @@ std::uint32_t OvraKbDelete(const std::string &keyword, const StrMap &writeConfig
 
 std::uint32_t OvraKbSearch(const std::string &keyword, const StrMap &searchConfigMap, std::vector<StrMap> &results)
 {
+    // A finalisation waits for the search until it returns.
+    CallGate::Call call;
     // Outlives the request's lock: a handle refused by the request is dropped after the lock is given back.
     PyObjectPtr taskHandle;
-    std::uint32_t status = OvraKbSearchReq(keyword, searchConfigMap, taskHandle);
+    std::uint32_t status =
+        call.Admitted() ? OvraKbSearchReq(keyword, searchConfigMap, taskHandle) : RefuseSearchRequest(searchConfigMap);
     if (status != OVRA_KB_SUCCESS) {
         OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Failed to call OvraKbSearchReq.");
         return status;
@@ -442,6 +467,8 @@ std::uint32_t OvraKbSearch(const std::string &keyword, const StrMap &searchConfi
                 return OVRA_KB_PYTHON_CALL_FAILED;
             case PollResult::FLAG_FAILED:
                 return OVRA_KB_CONFIG_KEY_MISSING;
+            case PollResult::FINALISED:
+                return OVRA_KB_PYTHON_UNAVAILABLE;
             case PollResult::NOT_FINISHED:
                 break;
         }

@@ -165,6 +165,73 @@ bool OvraKbPyfuncMgr::CallerIsHostPythonThread()
     return known;
 }
 
+std::mutex CallGate::mutex_;
+std::condition_variable CallGate::drained_;
+std::uint64_t CallGate::inFlight_ = 0;
+std::atomic<bool> CallGate::closing_{false};
+
+CallGate::Call::Call()
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    admitted_ = !closing_;
+    inFlight_ += admitted_ ? 1 : 0;
+}
+
+CallGate::Call::~Call()
+{
+    if (!admitted_) {
+        return;
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (--inFlight_ == 0) {
+        drained_.notify_all();
+    }
+}
+
+void CallGate::Close()
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    closing_ = true;
+    drained_.wait(lock, [] { return inFlight_ == 0; });
+}
+
+void CallGate::Open()
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    closing_ = false;
+}
+
+namespace {
+std::mutex gFinalisationMtx;
+
+// A Python host may finalise from a thread that holds the interpreter lock; the calls it waits for need it.
+void CloseGateWithoutTheInterpreterLock()
+{
+    HandleManager &api = PyApi();
+    bool holdsLock = api.IsInited() && api.Py_IsInitialized() != 0 && api.PyGILState_Check() == 1;
+    PyThreadState *state = holdsLock ? api.PyEval_SaveThread() : nullptr;
+    CallGate::Close();
+    if (state != nullptr) {
+        api.PyEval_RestoreThread(state);
+    }
+}
+}  // namespace
+
+Finalisation::Finalisation() : oneAtATime_(gFinalisationMtx)
+{
+    if (OvraKbPyfuncMgr::reference_.load() == 1) {
+        CloseGateWithoutTheInterpreterLock();
+    }
+}
+
+Finalisation::~Finalisation()
+{
+    std::lock_guard<std::mutex> lock(OvraKbPyfuncMgr::gInitPyFuncMtx_);
+    if (OvraKbPyfuncMgr::reference_.load() != 0) {
+        CallGate::Open();
+    }
+}
+
 GilGuard::GilGuard()
     : libraryOwnsState_(OvraKbPyfuncMgr::KeepCallerThreadState()), state_(PyApi().PyGILState_Ensure())
 {
@@ -286,6 +353,7 @@ bool OvraKbPyfuncMgr::PyObjectInit()
                 } else {
                     OVRA_KB_LOG(OVRA_LEVEL_EVENT, "OvraKbPyfuncMgr: Run PyObjectInit successfully!");
                     ++reference_;
+                    CallGate::Open();
                     result = true;
                 }
             }
