@@ -179,6 +179,7 @@ time.sleep(120)
                 self.init()
                 interface.ovra_kb_write("old", "v", dict(ADD), 0)
                 harm()
+                # The write finds the file gone (a search alone does not look); every later call is refused.
                 for call in (lambda: interface.ovra_kb_write("k", "v", dict(ADD), 1), lambda: search("old", "Add")):
                     with self.assertKbError(errors.BANK_PATH_UNUSABLE) as caught:
                         call()

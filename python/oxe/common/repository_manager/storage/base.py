@@ -13,6 +13,7 @@ tolerate other processes using the same bank.
 import functools
 import os
 import threading
+from threading import get_ident
 
 from .. import errors
 
@@ -24,36 +25,46 @@ class ForkGate(object):
     would find them held for ever.  Every storage call passes the gate; a fork closes it to new calls,
     waits until none is inside, and opens it again once the child exists.  A thread already inside (a
     storage call made by another one) passes at once.
+
+    A call first puts its thread on the list of those inside, then looks whether the gate is closed; a fork
+    first closes it, then looks who is inside.  Each step is one operation that the interpreter lock keeps
+    whole, so a call either sees the gate closed or is seen inside, and passing an open gate takes no lock.
     """
 
-    def __init__(self):
+    def __init__(self, inside=()):
         self._cond = threading.Condition(threading.Lock())
-        self._inside = 0
+        self._inside = list(inside)  # the thread of each call inside, once per call
         self._closed = False
-        self._depth = threading.local()
 
-    def __enter__(self):
-        depth = getattr(self._depth, "value", 0)
-        if depth == 0:
-            with self._cond:
-                while self._closed:
-                    self._cond.wait()
-                self._inside += 1
-        self._depth.value = depth + 1
+    def enter(self):
+        """Called before a storage call; answers what :meth:`leave` is to be given after it."""
+        me = get_ident()
+        self._inside.append(me)
+        if self._closed:
+            self._wait_while_closed(me)
+        return me
 
-    def __exit__(self, *exc):
-        self._depth.value -= 1
-        if self._depth.value == 0:
+    def leave(self, me):
+        self._inside.remove(me)
+        if self._closed:
             with self._cond:
-                self._inside -= 1
-                if not self._inside:
-                    self._cond.notify_all()
+                self._cond.notify_all()
+
+    def _wait_while_closed(self, me):
+        with self._cond:
+            if self._inside.count(me) > 1:
+                return  # inside a storage call already: the fork waits for that one to end
+            self._inside.remove(me)
+            self._cond.notify_all()
+            while self._closed:
+                self._cond.wait()
+            self._inside.append(me)
 
     def close_for_fork(self):
-        mine = 1 if getattr(self._depth, "value", 0) else 0  # a fork made from inside a storage call
+        me = get_ident()  # a fork may be made from inside a storage call
         with self._cond:
             self._closed = True
-            while self._inside > mine:
+            while len(self._inside) > self._inside.count(me):
                 self._cond.wait()
 
     def open_after_fork(self):
@@ -62,7 +73,9 @@ class ForkGate(object):
             self._cond.notify_all()
 
     def renew_in_child(self):
-        self.__init__()
+        # Only the forking thread lives on in the child, inside the storage calls it forked from, if any.
+        me = get_ident()
+        self.__init__([ident for ident in self._inside if ident == me])
 
 
 FORK_GATE = ForkGate()
@@ -76,8 +89,11 @@ def through_fork_gate(method):
 
     @functools.wraps(method)
     def gated(*args, **kwargs):
-        with FORK_GATE:
+        me = FORK_GATE.enter()
+        try:
             return method(*args, **kwargs)
+        finally:
+            FORK_GATE.leave(me)
 
     return gated
 

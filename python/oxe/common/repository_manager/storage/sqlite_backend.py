@@ -179,6 +179,8 @@ class SqliteBackend(SqlKnowledgeBackend):
         self._read_only = False
         self._read_uri = None
         self._file_identity = None
+        # Set once the database file is found removed or replaced: every later call is refused.
+        self._gone = False
         self._companions = {}  # the -wal and -shm files beside the database at open, by path
 
     # ----------------------------------------------------------- life cycle
@@ -200,6 +202,7 @@ class SqliteBackend(SqlKnowledgeBackend):
                 _remove_quietly(directory, directory=True)
             raise
         self._file_identity = _identity(self.db_path)
+        self._gone = False
         self._companions = {path: _identity(path) for path in (self.db_path + "-wal", self.db_path + "-shm")
                             if os.path.exists(path)}
         self._closed = False
@@ -416,15 +419,21 @@ class SqliteBackend(SqlKnowledgeBackend):
         )
 
     def _check_still_there(self):
-        # A write to a file that was removed would go to an inode that nothing names any more.
-        if not self._closed and not self.still_there():
-            raise errors.kb_error(
-                errors.BANK_PATH_UNUSABLE,
-                "The knowledge bank database %s was removed or replaced after the bank was opened, so nothing "
-                "was written or read; initialise the knowledge base again to open the bank anew, or set "
-                "op_bank_path to another directory." % self.db_path,
-                op_bank_path=self.directory,
-            )
+        """Before and after a change: a write to a file that was removed would go to an inode that nothing names
+        any more. Searches do not look (a stat would add a third to an exact search): they read the open bank
+        until a change or a new reader connection finds its file gone, and are refused from then on."""
+        if not self._closed and (self._gone or not self.still_there()):
+            self._gone = True
+            raise self._gone_error()
+
+    def _gone_error(self):
+        return errors.kb_error(
+            errors.BANK_PATH_UNUSABLE,
+            "The knowledge bank database %s was removed or replaced after the bank was opened, so nothing "
+            "was written or read; initialise the knowledge base again to open the bank anew, or set "
+            "op_bank_path to another directory." % self.db_path,
+            op_bank_path=self.directory,
+        )
 
     def _modify(self, sql, params, durable):
         with self._write_lock:
@@ -461,6 +470,8 @@ class SqliteBackend(SqlKnowledgeBackend):
         with self._pool_lock:
             if self._closed:
                 raise self._closed_error()
+            if self._gone:
+                raise self._gone_error()
             if self._readers:
                 return self._readers.pop()
         try:
@@ -468,6 +479,11 @@ class SqliteBackend(SqlKnowledgeBackend):
             conn.execute("PRAGMA query_only=1")
         except sqlite3.Error as exc:
             raise self._storage_error(exc, "read")
+        # A new connection opens whatever file the name holds now: it must be the bank's, like the others'.
+        if not self.still_there():
+            conn.close()
+            self._gone = True
+            raise self._gone_error()
         return conn
 
     def _release_reader(self, conn):
@@ -478,9 +494,13 @@ class SqliteBackend(SqlKnowledgeBackend):
         conn.close()
 
     def _query(self, sql, params):
-        self._check_still_there()
         conn = self._acquire_reader()
         try:
+            try:
+                return conn.execute(sql, params).fetchall()
+            except sqlite3.OperationalError as exc:
+                if not _is_busy(exc):
+                    raise
             return _retry(functools.partial(_fetch_all, conn, sql, params), time.monotonic() + self._busy_timeout)
         except sqlite3.Error as exc:
             raise self._storage_error(exc, "read")
