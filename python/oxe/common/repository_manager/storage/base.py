@@ -194,7 +194,8 @@ class SqlKnowledgeBackend(KnowledgeBackend):
     A subclass sets SQL_UPSERT, SQL_DELETE, SQL_EXACT, SQL_PREFIX_BOUNDED, SQL_PREFIX_OPEN,
     SQL_ALL_OF_TYPE, SQL_ALL_OF_SCOPE, SQL_EXPORT, SQL_CHIPS and NO_LIMIT (the LIMIT value that means none), and
     implements ``_modify(sql, params, durable)`` (the number of rows changed) and ``_query(sql, params)``
-    (the rows).
+    (the rows). A search's scan of many rows goes through ``_scan(sql, columns, params)``, which a backend
+    may make cheaper than ``_query``.
     """
 
     NO_LIMIT = None
@@ -231,6 +232,10 @@ class SqlKnowledgeBackend(KnowledgeBackend):
         """True when no record can hold these texts, so that a lookup need not ask the store."""
         return False
 
+    def _scan(self, sql, columns, params):
+        """The rows of a search that may find many, in the statement's order; ``columns`` names what it selects."""
+        return self._query(sql, params)
+
     @through_fork_gate
     def write(self, scope, op_type, keyword, knowledge, durable):
         self._modify(self.SQL_UPSERT, (scope[0], scope[1], op_type, keyword, knowledge), durable)
@@ -256,9 +261,9 @@ class SqlKnowledgeBackend(KnowledgeBackend):
         upper = prefix_upper_bound(prefix)
         limit = self.NO_LIMIT if limit is None else int(limit)
         if upper is None:
-            found = self._query(self.SQL_PREFIX_OPEN, (soc, core, op_type, prefix, limit))
+            found = self._scan(self.SQL_PREFIX_OPEN, "keyword, knowledge", (soc, core, op_type, prefix, limit))
         else:
-            found = self._query(self.SQL_PREFIX_BOUNDED, (soc, core, op_type, prefix, upper, limit))
+            found = self._scan(self.SQL_PREFIX_BOUNDED, "keyword, knowledge", (soc, core, op_type, prefix, upper, limit))
         return [make_row(soc, core, op_type, keyword, knowledge) for keyword, knowledge in found]
 
     @through_fork_gate
@@ -267,9 +272,9 @@ class SqlKnowledgeBackend(KnowledgeBackend):
         if self._never_stored(soc, core, op_type or ""):
             return []
         if op_type is None:
-            found = self._query(self.SQL_ALL_OF_SCOPE, (soc, core))
+            found = self._scan(self.SQL_ALL_OF_SCOPE, "op_type, keyword, knowledge", (soc, core))
             return [make_row(soc, core, op, keyword, knowledge) for op, keyword, knowledge in found]
-        found = self._query(self.SQL_ALL_OF_TYPE, (soc, core, op_type))
+        found = self._scan(self.SQL_ALL_OF_TYPE, "keyword, knowledge", (soc, core, op_type))
         return [make_row(soc, core, op_type, keyword, knowledge) for keyword, knowledge in found]
 
     @through_fork_gate

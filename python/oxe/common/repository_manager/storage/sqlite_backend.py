@@ -19,6 +19,7 @@ was asked for (``synchronous=FULL`` for that commit).
 """
 
 import functools
+import json
 import os
 import sqlite3
 import threading
@@ -68,6 +69,10 @@ SQL_ALL_OF_SCOPE = (
     "SELECT op_type, keyword, knowledge FROM records "
     "WHERE soc_version = ? AND core_num = ? ORDER BY op_type, keyword"
 )
+# A scan's rows as one JSON text, which SQLite builds in one step.
+_SQL_AS_JSON = "SELECT json_group_array(json_array(%s)) FROM (%s)"
+_SQL_JSON_PROBE = "SELECT json_group_array(json_array(1, 'a'))"
+
 _SQL_EXPORT = (
     "SELECT soc_version, core_num, op_type, keyword, knowledge FROM records "
     "ORDER BY soc_version, core_num, op_type, keyword"
@@ -178,6 +183,7 @@ class SqliteBackend(SqlKnowledgeBackend):
         self._closed = True
         self._read_only = False
         self._read_uri = None
+        self._json_scans = False
         self._file_identity = None
         # Set once the database file is found removed or replaced: every later call is refused.
         self._gone = False
@@ -206,6 +212,7 @@ class SqliteBackend(SqlKnowledgeBackend):
         self._companions = {path: _identity(path) for path in (self.db_path + "-wal", self.db_path + "-shm")
                             if os.path.exists(path)}
         self._closed = False
+        self._json_scans = self._has_json()
 
     def _open_writer(self):
         try:
@@ -492,6 +499,38 @@ class SqliteBackend(SqlKnowledgeBackend):
                 self._readers.append(conn)
                 return
         conn.close()
+
+    def _has_json(self):
+        """False for an SQLite built without its JSON functions (or a bank no reader can open yet)."""
+        try:
+            conn = self._acquire_reader()
+        except RuntimeError:
+            return False
+        try:
+            conn.execute(_SQL_JSON_PROBE).fetchall()
+        except sqlite3.Error:
+            return False
+        finally:
+            self._release_reader(conn)
+        return True
+
+    def _scan(self, sql, columns, params):
+        """The sqlite3 module gives the interpreter lock back at every row it steps to, and every thread that waits
+        for the lock then wakes; with the rows as one JSON text it does so once per scan, and the rows take half
+        the time to read. SQLite does not promise to aggregate rows in the order they come, so they are sorted
+        again (one comparison per row when they did). A result too long for one SQLite text is read row by row."""
+        if not self._json_scans:
+            return self._query(sql, params)
+        try:
+            found = self._query(_SQL_AS_JSON % (columns, sql), params)
+        except RuntimeError as exc:
+            info = errors.error_info(exc)
+            if info is None or "too big" not in info.get("message", ""):
+                raise
+            return self._query(sql, params)
+        rows = json.loads(found[0][0])
+        rows.sort()
+        return rows
 
     def _query(self, sql, params):
         conn = self._acquire_reader()
