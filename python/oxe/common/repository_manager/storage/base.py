@@ -11,6 +11,7 @@ tolerate other processes using the same bank.
 """
 
 import functools
+import json
 import os
 import threading
 from threading import get_ident
@@ -232,8 +233,31 @@ class SqlKnowledgeBackend(KnowledgeBackend):
         """True when no record can hold these texts, so that a lookup need not ask the store."""
         return False
 
+    def _scan_as_json(self, sql, columns):
+        """The statement that selects the rows of ``sql`` as one JSON array of arrays, or None to read row by row."""
+        return None
+
     def _scan(self, sql, columns, params):
-        """The rows of a search that may find many, in the statement's order; ``columns`` names what it selects."""
+        """The rows of a search that may find many, in the statement's order; ``columns`` names what it selects.
+
+        Read as one JSON value where the backend can: the driver then hands the rows over in one piece, where it
+        would give the interpreter lock back at every row (sqlite3) or field (psycopg's Python implementation),
+        each time waking every thread that waits for the lock. The rows are sorted again, one comparison per row
+        when they came in order. Should that form fail (a result too long for one value), rows are read one by one.
+        """
+        as_json = self._scan_as_json(sql, columns)
+        if as_json is not None:
+            try:
+                found = self._query(as_json, params)
+            except RuntimeError as exc:
+                info = errors.error_info(exc)
+                if info is None or info["errCode"] != errors.STORAGE_FAILURE:
+                    raise
+            else:
+                value = found[0][0]
+                rows = json.loads(value) if isinstance(value, str) else value or []
+                rows.sort()
+                return rows
         return self._query(sql, params)
 
     @through_fork_gate
@@ -263,7 +287,8 @@ class SqlKnowledgeBackend(KnowledgeBackend):
         if upper is None:
             found = self._scan(self.SQL_PREFIX_OPEN, "keyword, knowledge", (soc, core, op_type, prefix, limit))
         else:
-            found = self._scan(self.SQL_PREFIX_BOUNDED, "keyword, knowledge", (soc, core, op_type, prefix, upper, limit))
+            found = self._scan(self.SQL_PREFIX_BOUNDED, "keyword, knowledge",
+                               (soc, core, op_type, prefix, upper, limit))
         return [make_row(soc, core, op_type, keyword, knowledge) for keyword, knowledge in found]
 
     @through_fork_gate

@@ -19,7 +19,6 @@ was asked for (``synchronous=FULL`` for that commit).
 """
 
 import functools
-import json
 import os
 import sqlite3
 import threading
@@ -69,7 +68,8 @@ SQL_ALL_OF_SCOPE = (
     "SELECT op_type, keyword, knowledge FROM records "
     "WHERE soc_version = ? AND core_num = ? ORDER BY op_type, keyword"
 )
-# A scan's rows as one JSON text, which SQLite builds in one step.
+# A scan's rows as one JSON text, which SQLite builds in one step: the sqlite3 module gives the interpreter lock
+# back once per scan instead of at every row. SQLite does not promise to keep the rows' order in an aggregate.
 _SQL_AS_JSON = "SELECT json_group_array(json_array(%s)) FROM (%s)"
 _SQL_JSON_PROBE = "SELECT json_group_array(json_array(1, 'a'))"
 
@@ -514,23 +514,8 @@ class SqliteBackend(SqlKnowledgeBackend):
             self._release_reader(conn)
         return True
 
-    def _scan(self, sql, columns, params):
-        """The sqlite3 module gives the interpreter lock back at every row it steps to, and every thread that waits
-        for the lock then wakes; with the rows as one JSON text it does so once per scan, and the rows take half
-        the time to read. SQLite does not promise to aggregate rows in the order they come, so they are sorted
-        again (one comparison per row when they did). A result too long for one SQLite text is read row by row."""
-        if not self._json_scans:
-            return self._query(sql, params)
-        try:
-            found = self._query(_SQL_AS_JSON % (columns, sql), params)
-        except RuntimeError as exc:
-            info = errors.error_info(exc)
-            if info is None or "too big" not in info.get("message", ""):
-                raise
-            return self._query(sql, params)
-        rows = json.loads(found[0][0])
-        rows.sort()
-        return rows
+    def _scan_as_json(self, sql, columns):
+        return _SQL_AS_JSON % (columns, sql) if self._json_scans else None
 
     def _query(self, sql, params):
         conn = self._acquire_reader()
