@@ -106,7 +106,7 @@ int RunKept(int calls)
         resident.push_back(ResidentBytesNow() - before);
     }
     RunPython("import tracemalloc; tracemalloc.start()");
-    int traced = calls / 4;
+    int traced = calls / 2;
     for (size_t i = 0; i < sizeof(OUTCOMES) / sizeof(OUTCOMES[0]); ++i) {
         const Outcome &outcome = OUTCOMES[i];
         long long before = 0;

@@ -1,13 +1,15 @@
 // Searches from many native threads at once (--ovra_mode=scaling), on a bank of 2,000 records of one op type
 // written by --ovra_mode=fill_scaling: four groups of 500 keywords, g0_0000 to g3_0499, so that an exact search
 // finds one row, a prefix search ("g1_") 500 and an "all" search 2,000. Every caller is a native thread of its
-// own, none of them the initialising one; the figure is searches per second of all threads together, and the
-// slowest single search of the run.
+// own, none of them the initialising one; the figures are searches per second of all threads together, the
+// slowest single search of the run, and per search the CPU time and the voluntary context switches of the whole
+// process (the package's worker threads too), which the machine's other load changes less than the wall time.
 #include <benchmark/benchmark.h>
+#include <sys/resource.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdio>
+#include <ctime>
 
 #include "bench.h"
 
@@ -45,30 +47,72 @@ std::string KeywordOf(const SearchKind &kind, int n)
     return kind.rows == GROUP_SIZE ? Keyword(n % GROUPS, 0).substr(0, 3) : "";
 }
 
-std::atomic<std::int64_t> gWorstNs{0};
-
-void KeepWorst(std::int64_t ns)
+std::int64_t Nanoseconds(clockid_t clock)
 {
-    std::int64_t worst = gWorstNs.load();
-    while (ns > worst && !gWorstNs.compare_exchange_weak(worst, ns)) {
-    }
+    struct timespec now {};
+    clock_gettime(clock, &now);
+    return static_cast<std::int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
 }
+
+long VoluntarySwitches()
+{
+    struct rusage usage {};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_nvcsw;
+}
+
+// The run as a whole, from the first search of any thread to the last: Google Benchmark's own rate divides by
+// the mean of the threads' times, which flatters a run where some threads finish long before the others.
+struct Run {
+    std::atomic<bool> started{false};
+    std::atomic<std::int64_t> wallNs{0};
+    std::atomic<std::int64_t> cpuNs{0};
+    std::atomic<long> switches{0};
+    std::atomic<std::int64_t> worstNs{0};
+
+    void Reset()
+    {
+        started = false;
+        worstNs = 0;
+    }
+
+    void Start()
+    {
+        if (!started.exchange(true)) {
+            wallNs = Nanoseconds(CLOCK_MONOTONIC);
+            cpuNs = Nanoseconds(CLOCK_PROCESS_CPUTIME_ID);
+            switches = VoluntarySwitches();
+        }
+    }
+
+    void KeepWorst(std::int64_t ns)
+    {
+        std::int64_t worst = worstNs.load();
+        while (ns > worst && !worstNs.compare_exchange_weak(worst, ns)) {
+        }
+    }
+};
+Run gRun;
 
 void ScalingSearch(benchmark::State &state, const SearchKind *kind)
 {
     // Before the loop's start barrier, which no thread passes until every thread has come to it.
     if (state.thread_index() == 0) {
-        gWorstNs = 0;
+        gRun.Reset();
     }
     std::vector<StrMap> results;
     int next = state.thread_index() * 37;
+    bool first = true;
     for (auto _ : state) {
+        if (first) {
+            gRun.Start();
+            first = false;
+        }
         const std::string keyword = KeywordOf(*kind, next++);
         results.clear();
-        auto start = std::chrono::steady_clock::now();
+        std::int64_t start = Nanoseconds(CLOCK_MONOTONIC);
         std::uint32_t status = OvraKbSearch(keyword, *kind->config, results);
-        KeepWorst(std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - start)
-                      .count());
+        gRun.KeepWorst(Nanoseconds(CLOCK_MONOTONIC) - start);
         if (status != OvraKb::OVRA_KB_SUCCESS || results.size() != kind->rows) {
             state.SkipWithError(("search of " + keyword + ": status " + std::to_string(status) + ", " +
                                  std::to_string(results.size()) + " rows")
@@ -76,9 +120,13 @@ void ScalingSearch(benchmark::State &state, const SearchKind *kind)
             break;
         }
     }
-    state.SetItemsProcessed(state.iterations());
-    // After the loop's end barrier: every thread reads the worst of all of them.
-    state.counters["worst_ms"] = benchmark::Counter(gWorstNs.load() / 1e6, benchmark::Counter::kAvgThreads);
+    // After the loop's end barrier, which the last thread passes last: every thread reads the same figures.
+    double searches = static_cast<double>(state.iterations()) * state.threads();
+    auto counter = [](double value) { return benchmark::Counter(value, benchmark::Counter::kAvgThreads); };
+    state.counters["searches_per_s"] = counter(searches * 1e9 / (Nanoseconds(CLOCK_MONOTONIC) - gRun.wallNs.load()));
+    state.counters["worst_ms"] = counter(gRun.worstNs.load() / 1e6);
+    state.counters["cpu_us"] = counter((Nanoseconds(CLOCK_PROCESS_CPUTIME_ID) - gRun.cpuNs.load()) / 1e3 / searches);
+    state.counters["switches"] = counter(static_cast<double>(VoluntarySwitches() - gRun.switches.load()) / searches);
 }
 
 }  // namespace

@@ -17,6 +17,7 @@
 #   OVRA_KB_BENCH_POSTGRES          0 to skip the PostgreSQL bank (default 1: a throwaway server of its own)
 #   OVRA_KB_BENCH_KEPT_CALLS        calls of each operation and outcome for the memory kept (default 20000)
 #   OVRA_KB_BENCH_IMPORT_RECORDS    record counts of the measured imports (default "100000 1000000"; "" skips)
+#   OVRA_KB_BENCH_SETTLE            seconds the whole run may wait for the machine's load to fall (default 600)
 #   OVRA_KB_BENCH_OUT               the report (default: BENCHMARKS.md at the top of the tree)
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
@@ -40,7 +41,7 @@ note() { printf '\n== %s\n' "$*"; }
 
 # Others may be building on this machine: before each step, wait for the load to settle (ten minutes at
 # most over the whole run), then note it.
-wait_budget=600
+wait_budget="${OVRA_KB_BENCH_SETTLE:-600}"
 settle() {
     while awk -v cores="$(nproc)" '{ exit !($1 > cores * 0.75) }' /proc/loadavg && [ "$wait_budget" -gt 0 ]; do
         echo "load $(cut -d' ' -f1 /proc/loadavg): waiting for it to fall (${wait_budget} s of waiting left)"
@@ -286,7 +287,8 @@ settle "end"
 
 note "report"
 OVRA_BENCH_PG_NOTE="$pg_note" OVRA_BENCH_IMPORT_PYTHON="${first_bin:-}" \
-    OVRA_BENCH_SCALING_REPETITIONS="$scaling_repetitions" OVRA_BENCH_KEPT_CALLS="$kept_calls" python3 - "$root" "$results" "$build" "$records" "$repetitions" "$min_time" "$cold_repetitions" "${cpus[*]}" \
+    OVRA_BENCH_SCALING_REPETITIONS="$scaling_repetitions" OVRA_BENCH_KEPT_CALLS="$kept_calls" \
+    python3 - "$root" "$results" "$build" "$records" "$repetitions" "$min_time" "$cold_repetitions" "${cpus[*]}" \
     "$started" "${labels[@]}" <<'EOF'
 import datetime, json, os, re, subprocess, sys, time
 root, results, build, records, repetitions, min_time, cold_repetitions, cpus, started = sys.argv[1:10]
@@ -339,7 +341,8 @@ meta = {
     "duration": "%d minutes" % round((time.time() - int(started)) / 60),
     "bank": json.load(open(os.path.join(results, "bank.json"))) if os.path.exists(os.path.join(results, "bank.json")) else {},
     "postgres": os.environ.get("OVRA_BENCH_PG_NOTE", ""),
-    "postgres_version": run("bash", "-c", "ls -d /usr/lib/postgresql/*/bin | sort -V | tail -n 1 | xargs -I{} {}/postgres --version"),
+    "postgres_version": run("bash", "-c", "ls -d /usr/lib/postgresql/*/bin | sort -V | tail -n 1 | "
+                            "xargs -I{} {}/postgres --version"),
     "import_python": os.environ.get("OVRA_BENCH_IMPORT_PYTHON", ""),
     "scaling_repetitions": os.environ.get("OVRA_BENCH_SCALING_REPETITIONS", ""),
     "kept_calls": os.environ.get("OVRA_BENCH_KEPT_CALLS", ""),
