@@ -36,9 +36,12 @@ const char kIdentityQuery[] =
     "python3 -c 'import sys, sysconfig; print(sys.executable); print(\"%d.%d.%d\" % sys.version_info[:3]); "
     "print(sysconfig.get_config_var(\"Py_GIL_DISABLED\") or 0)' 2>&1";
 const int kTimingRuns = 3;
-const char kInstallPython[] =
-    "install a CPython 3.6 to 3.13 built as a shared library (Debian: apt-get install python3 libpython3-dev; "
-    "pyenv: PYTHON_CONFIGURE_OPTS=--enable-shared pyenv install VERSION) and put it first on PATH";
+std::string InstallPython()
+{
+    return "install a " + ProvenPythons() +
+           " built as a shared library (Debian: apt-get install python3 libpython3-dev; "
+           "pyenv: PYTHON_CONFIGURE_OPTS=--enable-shared pyenv install VERSION) and put it first on PATH";
+}
 
 const char kSharedBuild[] =
     "install a build with a shared library (pyenv: PYTHON_CONFIGURE_OPTS=--enable-shared pyenv install VERSION; "
@@ -169,14 +172,14 @@ void Doctor::CheckPython()
 {
     const std::string onPath = FindOnPath("python3");
     if (onPath.empty()) {
-        Report(false, "python3", "none on PATH; " + std::string(kInstallPython));
+        Report(false, "python3", "none on PATH; " + InstallPython());
         return;
     }
     const ShellResult identity = RunShell(kIdentityQuery);
     const std::string answer = TrimRight(identity.output);
     const std::size_t newline = answer.find('\n');
     if (identity.exitCode != 0 || newline == std::string::npos) {
-        Report(false, "python3", onPath + " does not run (" + LastLine(identity.output) + "); " + kInstallPython);
+        Report(false, "python3", onPath + " does not run (" + LastLine(identity.output) + "); " + InstallPython());
         return;
     }
     const std::vector<std::string> lines = SplitLines(answer);
@@ -186,30 +189,34 @@ void Doctor::CheckPython()
 void Doctor::DescribePython(const std::string &onPath, const std::string &executable, const std::string &version,
                             bool freeThreaded)
 {
-    const bool oldPython = version.compare(0, 2, "3.") != 0 || std::atoi(version.c_str() + 2) < 6;
-    if (oldPython) {
+    const int minor = std::atoi(version.c_str() + 2);
+    if (version.compare(0, 2, "3.") != 0 || minor < kOldestProvenMinor) {
         Report(false, "python3",
-               onPath + " is Python " + version + ", which the library cannot use; " + kInstallPython);
+               onPath + " is Python " + version + ", which the library cannot use; " + InstallPython());
         return;
     }
     if (freeThreaded) {
         Report(false, "python3",
-               onPath + " is a free-threaded build of Python " + version +
-                   ", which the library cannot load (it handles reference counts directly); install a default "
+               onPath + " is a free-threaded build of Python " + version + " (3." + std::to_string(minor) +
+                   "t), which the library cannot load (it handles reference counts directly); install a default "
                    "build (with the global interpreter lock) and put it first on PATH");
         return;
     }
     havePython_ = true;
+    const std::string described = "Python " + version +
+                                  (minor <= kNewestProvenMinor ? ", in the proven " + ProvenPythons()
+                                                               : ", newer than the proven " + ProvenPythons() +
+                                                                     ": it may work, but no test shows it");
     if (!IsScript(onPath)) {
         const std::string real = Resolved(onPath);
-        Report(true, "python3", onPath + (real != onPath ? " -> " + real : "") + " (Python " + version + ")");
+        Report(true, "python3", onPath + (real != onPath ? " -> " + real : "") + " (" + described + ")");
         return;
     }
     // The library starts python3 twice at start-up; through a shim each start pays the shim's own work.
     const double throughShim = MillisecondsPerRun("python3" + kLdLibraryArgs);
     const double direct = MillisecondsPerRun(ShellQuote(executable) + kLdLibraryArgs);
     Report(true, "python3",
-           onPath + " is " + ShimOwner(onPath) + " for " + executable + " (Python " + version + "); it adds " +
+           onPath + " is " + ShimOwner(onPath) + " for " + executable + " (" + described + "); it adds " +
                Milliseconds(std::max(0.0, throughShim - direct)) + " to each of the library's two queries (" +
                Milliseconds(throughShim) + " against " + Milliseconds(direct) + " direct): put " + DirOf(executable) +
                " first on PATH to save it");
@@ -229,7 +236,7 @@ bool Doctor::CheckConfigVar(const char *name, const std::string &args, std::stri
                    kSharedBuild);
         return false;
     }
-    Report(ok, name, ok ? answer : "python3 gives no " + std::string(name) + "; " + kInstallPython);
+    Report(ok, name, ok ? answer : "python3 gives no " + std::string(name) + "; " + InstallPython());
     return ok;
 }
 
@@ -267,14 +274,14 @@ void Doctor::CheckRuntimeFile(const std::string &file)
 {
     struct stat info {};
     if (stat(file.c_str(), &info) != 0) {
-        Report(false, "runtime", file + " does not exist; " + kInstallPython);
+        Report(false, "runtime", file + " does not exist; " + InstallPython());
         return;
     }
     void *handle = dlopen(file.c_str(), RTLD_LAZY | RTLD_LOCAL);
     if (handle == nullptr) {
         const char *error = dlerror();
         Report(false, "runtime",
-               file + " is not a loadable shared library (" + (error ? error : "?") + "); " + kInstallPython);
+               file + " is not a loadable shared library (" + (error ? error : "?") + "); " + InstallPython());
         return;
     }
     const std::vector<std::string> missing = MissingEntryPoints(handle);
@@ -283,7 +290,7 @@ void Doctor::CheckRuntimeFile(const std::string &file)
            missing.empty()
                ? file + " is a shared library exporting all " + std::to_string(kEntryPointCount) + " entry points"
                : file + " lacks " + std::to_string(missing.size()) + " of the " + std::to_string(kEntryPointCount) +
-                     " entry points (" + Join(missing, ", ") + "); " + kInstallPython);
+                     " entry points (" + Join(missing, ", ") + "); " + InstallPython());
 }
 
 void Doctor::CheckModules()

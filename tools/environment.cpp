@@ -17,6 +17,11 @@ const char *const kInterfaceModule = "oxe.common.repository_manager.interface";
 const char *const kLogModule = "oxe.common.repository_manager.utils.repository_manager_log";
 const char *const kBankDatabase = "ovra_kb.db";
 
+std::string ProvenPythons()
+{
+    return "CPython 3." + std::to_string(kOldestProvenMinor) + " to 3." + std::to_string(kNewestProvenMinor);
+}
+
 namespace {
 
 std::string Env(const char *name)

@@ -12,6 +12,12 @@ extern const char *const kLogModule;
 // The database file of a bank directory (the reference package's SQLite bank).
 extern const char *const kBankDatabase;
 
+// The CPython versions the tests prove the library on: every 3.x from the oldest to the newest minor.
+const int kOldestProvenMinor = 6;
+const int kNewestProvenMinor = 15;
+// "CPython 3.6 to 3.15"
+std::string ProvenPythons();
+
 // $OVRA_KB_BANK, else $XDG_DATA_HOME/ovra-kb/bank, else ~/.local/share/ovra-kb/bank.
 std::string DefaultBankDir();
 

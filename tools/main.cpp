@@ -48,7 +48,8 @@ int main(int argc, char **argv)
         return OvraCli::kExitUsage;
     }
     if (options.version) {
-        std::printf("ovra-kb %s\n", OVRA_KB_VERSION_STRING);
+        std::printf("ovra-kb %s\nproven on %s, shared builds with the global interpreter lock\n",
+                    OVRA_KB_VERSION_STRING, OvraCli::ProvenPythons().c_str());
         return 0;
     }
     if (options.help) {

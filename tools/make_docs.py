@@ -44,7 +44,7 @@ def roff(text):
 
 def man_page(cli):
     overview = run(cli, "--help")
-    version = run(cli, "--version").split()[-1]
+    version = run(cli, "--version").split()[1]
     summary = overview.splitlines()[0].split(": ", 1)[1].rstrip(".")
     out = [".TH OVRA-KB 1 \"\" \"ovra-kb %s\" \"User Commands\"" % version,
            ".SH NAME", "ovra-kb \\- %s" % roff(summary),

@@ -80,7 +80,7 @@ const char kCommonOptions[] =
     "                   is passed on as missing, which the library refuses with status 2\n"
     "  --verbose        show the library's log lines (OVRA_LOG_LEVEL=info with event lines);\n"
     "                   otherwise they are off unless OVRA_LOG_LEVEL is set\n"
-    "  -h, --help       this help; -V, --version prints the version\n";
+    "  -h, --help       this help; -V, --version prints the version and the CPython versions proven\n";
 
 const char kPackageLookup[] =
     "The knowledge-base package (oxe.common.repository_manager) is imported by the python3 on the\n"

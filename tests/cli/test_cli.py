@@ -261,8 +261,8 @@ esac
              [r"\(status 3\): python3: .* is Python 2\.7\.18, which the library cannot use"]),
             ("only a static runtime", delete, {"PATH": self.fake_python("3.11.4", "libpython3.11.a")}, 3,
              [r"\(status 3\): LDLIBRARY: libpython3\.11\.a is a static library", "--enable-shared"]),
-            ("a free-threaded build", delete, {"PATH": self.fake_python("3.13.0", gil_disabled=1)}, 3,
-             [r"free-threaded build of Python 3\.13\.0"]),
+            ("a free-threaded build", delete, {"PATH": self.fake_python("3.14.0", gil_disabled=1)}, 3,
+             [r"free-threaded build of Python 3\.14\.0 \(3\.14t\), which the library cannot load"]),
             ("a bank below a file", ("write", "k", "v", "--bank", os.path.join(blocker, "bank")), {}, 6,
              [r"cannot be created \(Not a directory\) \[OVRA_KB_E003\]", "try --bank with a writable directory$"]),
             ("a bank path too long", ("write", "k", "v", "--bank", os.path.join(self.tmp, *["b" * 250] * 3)), {}, 6,
@@ -297,7 +297,8 @@ class CommandLineTest(CliTestCase):
             (("search", "k", "--bank="), "option --bank needs a directory or a postgresql:// URL"),
             (("search", "k", "--type", "--bank", "b"), "option --type needs a value"),
         ]
-        version = r"^ovra-kb %s\n$" % re.escape(VERSION)
+        version = r"^ovra-kb %s\nproven on CPython 3\.6 to 3\.15, shared builds with the global interpreter lock\n$" % (
+            re.escape(VERSION))
         search_usage = r"^usage: ovra-kb search KEYWORD \[--type exact\|prefix\|all\] \[--json\]"
         cases = [(("--version",), 0, version), (("-V",), 0, version), (("help", "search"), 0, search_usage),
                  (("search", "--help"), 0, search_usage)] + [
@@ -347,13 +348,17 @@ class DoctorTest(CliTestCase):
 
     def test_the_python3_on_path_is_named_and_measured(self):
         python3 = os.path.join(self.bin, "python3")
+        proven = r", in the proven CPython 3\.6 to 3\.15\)"
         cases = [  # (what python3 is, a target to link or a script to write, status, {check: pattern})
-            ("the test interpreter", TEST_PYTHON, 0, {"python3": "^ok +python3: %s -> " % re.escape(python3),
+            ("the test interpreter", TEST_PYTHON, 0, {"python3": "^ok +python3: %s -> .*%s$" % (re.escape(python3), proven),
                                                       "runtime": r"libpython3\.\d+\.so is a shared library exporting "
                                                                  r"all 47 entry points", "bank": "does not exist yet"}),
             ("a script", "#!/bin/sh\nexec %s \"$@\"\n" % TEST_PYTHON, 0, {"python3": r"is a script \(a shim\?\) for "
-             r"%s \(Python 3\.[0-9.]+\); it adds \d+ ms to each of the library's two queries \(\d+ ms against \d+ ms "
-             r"direct\)" % re.escape(TEST_PYTHON)}),
+             r"%s \(Python 3\.[0-9.]+%s; it adds \d+ ms to each of the library's two queries \(\d+ ms against \d+ ms "
+             r"direct\)" % (re.escape(TEST_PYTHON), proven)}),
+            ("a newer CPython", "#!/bin/sh\ncase \"$*\" in *sys.executable*) echo \"$0\"; echo 3.16.0; echo 0 ;; "
+             "*) exec %s \"$@\" ;; esac\n" % TEST_PYTHON, 0,
+             {"python3": r"\(Python 3\.16\.0, newer than the proven CPython 3\.6 to 3\.15: it may work, but no test"}),
             ("pyenv's shim", os.path.expanduser("~/.pyenv/shims/python3"), None,
              {"python3": "python3: %s is pyenv's shim for .*; it adds" % python3}),
             ("none", None, 1, {"python3": r"^fix +python3: none on PATH; install a CPython .* shared library",
