@@ -11,18 +11,20 @@ work="$(mktemp -d /tmp/ovra-kb-install.XXXXXX)"
 trap 'rm -rf "$work"' EXIT
 stage="$work/stage"
 fail() { echo "ci_install: $*" >&2; exit 1; }
+steps=0
+step() { steps=$((steps + 1)); echo "== $*"; }
 
-echo "== install into $stage"
+step "install into $stage"
 cmake --install "$build" --prefix "$stage" >/dev/null
 export PYTHONPATH="$stage/share/ovra_kb/python"
 [ -f "$stage/share/doc/ovra-kb/LICENSE" ] || fail "the licence is not installed"
 
-echo "== consumer through find_package"
+step "consumer through find_package"
 cmake -S "$root/examples/find_package" -B "$work/find_package" -G Ninja -DCMAKE_PREFIX_PATH="$stage" >/dev/null
 cmake --build "$work/find_package" >/dev/null
 "$work/find_package/consumer" "$work/bank-find-package"
 
-echo "== version rule of the CMake package"
+step "version rule of the CMake package"
 mkdir -p "$work/version"
 for wanted in 0.0.1 "$(cd "$build" && sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' CMakeCache.txt)"; do
   printf 'cmake_minimum_required(VERSION 3.20)\nproject(v NONE)\nfind_package(OvraKb %s CONFIG QUIET)\nmessage(STATUS "found=${OvraKb_FOUND}")\n' \
@@ -33,11 +35,11 @@ for wanted in 0.0.1 "$(cd "$build" && sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//
   case "$wanted" in 0.0.1) [ "$found" != 1 ] || fail "0.0.1 must not accept another 0.x minor" ;; *) [ "$found" = 1 ] || fail "$wanted not found" ;; esac
 done
 
-echo "== consumer through pkg-config"
+step "consumer through pkg-config"
 PKG_CONFIG_PATH="$stage/lib/pkgconfig" sh "$root/examples/pkg-config/build.sh" "$work/pkg_config_consumer"
 LD_LIBRARY_PATH="$stage/lib" "$work/pkg_config_consumer" "$work/bank-pkg-config"
 
-echo "== a build without tests, installed with a Debian-style library directory"
+step "a build without tests, installed with a Debian-style library directory"
 cmake -S "$root" -B "$work/light" -G Ninja -DCMAKE_BUILD_TYPE=Release -DOVRA_KB_BUILD_TESTS=OFF \
   -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_LIBDIR=lib/x86_64-linux-gnu >"$work/light.log"
 if grep -qiE 'gtest|test interpreters' "$work/light.log"; then fail "a build without tests looked for GoogleTest or interpreters"; fi
@@ -51,12 +53,12 @@ PKG_CONFIG_PATH="$pc_dir" sh "$root/examples/pkg-config/build.sh" "$work/light_c
 LD_LIBRARY_PATH="$work/light-root/usr/lib/x86_64-linux-gnu" PYTHONPATH="$work/light-root/usr/share/ovra_kb/python" \
   "$work/light_consumer" "$work/bank-light"
 
-echo "== consumer through dlopen"
+step "consumer through dlopen"
 cmake -S "$root/examples/dlopen" -B "$work/dlopen" -G Ninja -DCMAKE_PREFIX_PATH="$stage" >/dev/null
 cmake --build "$work/dlopen" >/dev/null
 "$work/dlopen/dlopen_consumer" "$stage/lib/libovra_kb.so.0" "$work/bank-dlopen"
 
-echo "== Debian package"
+step "Debian package"
 (cd "$build" && cpack -G DEB -B "$work/package" >/dev/null)
 deb="$(ls "$work"/package/*.deb)"
 info="$(dpkg-deb --info "$deb")"
@@ -77,4 +79,4 @@ done
 unset PYTHONPATH
 "$work/root/usr/bin/ovra-kb" --version
 "$work/root/usr/bin/ovra-kb" demo --bank "$work/bank-deb"
-echo "install checks passed"
+echo "install: $steps passed, 0 failed"
