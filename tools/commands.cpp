@@ -1,16 +1,17 @@
 #include "commands.h"
 
+#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <memory>
 #include <utility>
 
 #include "environment.h"
@@ -18,72 +19,43 @@
 #include "output.h"
 
 namespace OvraCli {
+
+const char kStandardStream[] = "-";
+volatile std::sig_atomic_t gInterrupted = 0;
+
 namespace {
 
 // Searching every op type at once is the reference package's extension of search type "all".
 const char kEveryOpType[] = "*";
-// Imports of this many records or more tell their progress, ten times over the file.
-const std::size_t kProgressThreshold = 1000;
-
-// "-" names standard input (import, write's knowledge) or standard output (export).
-const char kStandardStream[] = "-";
-// Editors on some systems start a UTF-8 file with it.
-const char kByteOrderMark[] = "\xEF\xBB\xBF";
-// The exit status of a command ended by Ctrl-C, as a shell reports a process ended by SIGINT.
-const int kExitInterrupted = 130;
-
-volatile std::sig_atomic_t gInterrupted = 0;
 
 void NoteInterrupt(int)
 {
     gInterrupted = 1;
 }
 
-// Ctrl-C ends a long import or export between two records, so that it can say what it did.
-class InterruptCatcher {
+// Holds SIGINT back on this thread while it lives: a Ctrl-C waits, pending, until it ends. The processes started
+// meanwhile (the python3 queries of the library and of this command) inherit the hold, so that they finish their
+// work rather than die with a traceback on the terminal.
+class InterruptHold {
   public:
-    InterruptCatcher()
+    InterruptHold()
     {
-        struct sigaction catcher = {};
-        catcher.sa_handler = NoteInterrupt;
-        sigemptyset(&catcher.sa_mask);
-        sigaction(SIGINT, &catcher, &previous_);
+        sigset_t interrupt;
+        sigemptyset(&interrupt);
+        sigaddset(&interrupt, SIGINT);
+        pthread_sigmask(SIG_BLOCK, &interrupt, &previous_);
     }
-    ~InterruptCatcher() { sigaction(SIGINT, &previous_, nullptr); }
-    InterruptCatcher(const InterruptCatcher &) = delete;
-    InterruptCatcher &operator=(const InterruptCatcher &) = delete;
+    ~InterruptHold() { pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
+    InterruptHold(const InterruptHold &) = delete;
+    InterruptHold &operator=(const InterruptHold &) = delete;
 
   private:
-    struct sigaction previous_ = {};
+    sigset_t previous_;
 };
-
-std::string ShownFile(const std::string &operand)
-{
-    return operand == kStandardStream ? "standard input" : operand;
-}
-
-std::string Plural(std::size_t count, const char *noun)
-{
-    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
-}
 
 // A record of the searches that span the bank's chips (the reference package's extensions).
 const char kEveryChip[] = "all_chips";
 const char kChipCounts[] = "chips";
-
-struct Chip {
-    std::string soc;
-    std::string cores;
-    bool operator==(const Chip &other) const { return soc == other.soc && cores == other.cores; }
-};
-
-struct Record {
-    std::string keyword;
-    std::string knowledge;
-    std::string opType;
-    Chip chip;
-    std::size_t line = 0;
-};
 
 std::string Describe(const std::string &keyword, const std::string &opType)
 {
@@ -102,150 +74,10 @@ int PrintRows(const std::vector<OvraKb::StrMap> &rows, bool json)
     return 0;
 }
 
-// The library hands each text to Python up to its first NUL, so such a keyword would name another record.
-bool HoldsNoNul(const Record &record, std::string &error)
-{
-    const std::pair<const char *, const std::string *> fields[] = {{"keyword", &record.keyword},
-                                                                   {"knowledge", &record.knowledge},
-                                                                   {"op_type", &record.opType},
-                                                                   {"soc_version", &record.chip.soc},
-                                                                   {"core_num", &record.chip.cores}};
-    for (const auto &field : fields) {
-        if (field.second->find('\0') != std::string::npos) {
-            error = std::string("the ") + field.first +
-                    " holds a NUL character (\\u0000), which the knowledge base would cut the text at; remove it";
-            return false;
-        }
-    }
-    return true;
-}
-
-bool RecordFromLine(const std::string &text, const Options &options, Record &record, std::string &error)
-{
-    JsonObject object;
-    if (!ParseJsonObject(text, object, error)) {
-        return false;
-    }
-    if (object.count("keyword") == 0 || object.count("knowledge") == 0) {
-        error = "a record needs \"keyword\" and \"knowledge\"";
-        return false;
-    }
-    if (object.count("soc_version") != object.count("core_num")) {
-        error = "a record with a chip needs both \"soc_version\" and \"core_num\"";
-        return false;
-    }
-    record.keyword = object["keyword"];
-    record.knowledge = object["knowledge"];
-    record.opType = object.count("op_type") != 0 ? object["op_type"] : options.opType;
-    record.chip = object.count("soc_version") != 0 ? Chip{object["soc_version"], object["core_num"]}
-                                                   : Chip{options.soc, options.cores};
-    return HoldsNoNul(record, error);
-}
-
-bool IsBlank(const std::string &text)
-{
-    return text.find_first_not_of(" \t\r") == std::string::npos;
-}
-
 int CannotRead(const std::string &file)
 {
     std::fprintf(stderr, "ovra-kb: cannot read %s: %s\n", file.c_str(), std::strerror(errno));
     return kExitNoInput;
-}
-
-// Every line is read and checked before the first write, so that a malformed file changes nothing.
-int ReadRecords(const Options &options, std::vector<Record> &records)
-{
-    const std::string file = ShownFile(options.operands[0]);
-    std::ifstream opened;
-    if (options.operands[0] != kStandardStream) {
-        opened.open(options.operands[0]);
-        if (!opened) {
-            return CannotRead(file);
-        }
-    }
-    std::istream &in = options.operands[0] == kStandardStream ? std::cin : opened;
-    std::string text;
-    for (std::size_t line = 1; std::getline(in, text); ++line) {
-        Record record;
-        std::string error;
-        if (line == 1 && text.compare(0, sizeof(kByteOrderMark) - 1, kByteOrderMark) == 0) {
-            text.erase(0, sizeof(kByteOrderMark) - 1);
-        }
-        if (IsBlank(text)) {
-            continue;
-        }
-        if (!RecordFromLine(text, options, record, error)) {
-            std::fprintf(stderr, "ovra-kb: %s:%zu: %s\n", file.c_str(), line, error.c_str());
-            return kExitBadData;
-        }
-        record.line = line;
-        records.push_back(record);
-    }
-    return in.bad() ? CannotRead(file) : 0;
-}
-
-void ShowProgress(std::size_t done, std::size_t total)
-{
-    const std::size_t step = total / 10;
-    if (total >= kProgressThreshold && done % step == 0 && done < total) {
-        std::fprintf(stderr, "ovra-kb: imported %zu of %zu records\n", done, total);
-    }
-}
-
-// The records of each chip together, chips in the order the file first names them, each chip's records in
-// file order: the knowledge base is initialised once more for every further chip.
-std::vector<const Record *> ByChip(const std::vector<Record> &records)
-{
-    std::vector<Chip> chips;
-    for (const Record &record : records) {
-        if (std::find(chips.begin(), chips.end(), record.chip) == chips.end()) {
-            chips.push_back(record.chip);
-        }
-    }
-    std::vector<const Record *> ordered;
-    for (const Chip &chip : chips) {
-        for (const Record &record : records) {
-            if (record.chip == chip) {
-                ordered.push_back(&record);
-            }
-        }
-    }
-    return ordered;
-}
-
-// The last record is written durably: the reference package's durable commit syncs its journal, which
-// makes every earlier record of the import durable as well, at the cost of one sync instead of one per record.
-int WriteRecords(KbSession &kb, const Chip &sessionChip, const std::vector<Record> &records, const std::string &file)
-{
-    const std::vector<const Record *> ordered = ByChip(records);
-    Chip current = sessionChip;
-    for (std::size_t i = 0; i < ordered.size(); ++i) {
-        const Record &record = *ordered[i];
-        const std::string where = file + ":" + std::to_string(record.line);
-        if (!(record.chip == current)) {
-            const CallOutcome switched = kb.SwitchChip(record.chip.soc, record.chip.cores);
-            if (!switched.Ok()) {
-                return ReportFailure(switched, record.opType, where);
-            }
-            current = record.chip;
-        }
-        // The last record, or the last before an interrupt, is durable and makes the earlier ones so.
-        const bool durable = i + 1 == ordered.size() || gInterrupted != 0;
-        const CallOutcome written = kb.Write(record.keyword, record.knowledge, record.opType, durable);
-        if (!written.Ok()) {
-            return ReportFailure(written, record.opType, where);
-        }
-        ShowProgress(i + 1, ordered.size());
-        if (gInterrupted != 0 && i + 1 < ordered.size()) {
-            std::fprintf(stderr,
-                         "ovra-kb: interrupted: %s of %zu were imported, each whole, and made durable; the others "
-                         "were not written (import the file again to finish: records are replaced, not doubled)\n",
-                         Plural(i + 1, "record").c_str(), ordered.size());
-            return kExitInterrupted;
-        }
-    }
-    return 0;
 }
 
 std::string ExportLine(const OvraKb::StrMap &row, bool withChip)
@@ -309,8 +141,8 @@ int WriteExport(const std::vector<OvraKb::StrMap> &rows, const Options &options)
 // empty one (and its missing parents) for a mistyped path and then find nothing in it, so it is refused.
 const Command kCommandsThatCreateBanks[] = {Command::kWrite, Command::kImport, Command::kDemo};
 
-}  // namespace
-
+// 0 when the command may open `bank`: it exists, or the command is one that creates a bank. Otherwise says that
+// there is no bank there and answers the exit status.
 int RefuseMissingBank(const Options &options, const std::string &bank)
 {
     const bool mayCreate = std::find(std::begin(kCommandsThatCreateBanks), std::end(kCommandsThatCreateBanks),
@@ -321,6 +153,60 @@ int RefuseMissingBank(const Options &options, const std::string &bank)
     std::fprintf(stderr, "ovra-kb: there is no bank at %s; check --bank (only write and import create a bank)\n",
                  bank.c_str());
     return kExitNoInput;
+}
+
+}  // namespace
+
+std::string ShownFile(const std::string &operand)
+{
+    return operand == kStandardStream ? "standard input" : operand;
+}
+
+std::string Plural(std::size_t count, const char *noun)
+{
+    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
+InterruptCatcher::InterruptCatcher()
+{
+    struct sigaction catcher = {};
+    catcher.sa_handler = NoteInterrupt;
+    sigemptyset(&catcher.sa_mask);
+    sigaction(SIGINT, &catcher, &previous_);
+}
+
+InterruptCatcher::~InterruptCatcher()
+{
+    sigaction(SIGINT, &previous_, nullptr);
+}
+
+int WithSession(const Options &options, const std::string &bank, const std::function<int(KbSession &)> &body,
+                InterruptHandling handling)
+{
+    if (const int missing = RefuseMissingBank(options, bank)) {
+        return missing;
+    }
+    KbSession session(KbSettings{bank, options.soc, options.cores, options.verbose});
+    auto catcher = std::make_unique<InterruptCatcher>();
+    CallOutcome opened;
+    {
+        const InterruptHold hold;
+        opened = session.Open();
+    }
+    if (handling == InterruptHandling::kEndAtOnce) {
+        catcher.reset();  // a Ctrl-C noted until now is acted on below; a later one ends the command at once
+    }
+    if (gInterrupted != 0) {
+        session.Close();
+        std::fputs("ovra-kb: interrupted while the knowledge base started; nothing was changed\n", stderr);
+        return kExitInterrupted;
+    }
+    if (!opened.Ok()) {
+        return ReportFailure(opened, options.opType);
+    }
+    const int status = body(session);
+    const CallOutcome closed = session.Close();
+    return status == 0 && !closed.Ok() ? ReportFailure(closed, options.opType) : status;
 }
 
 std::string BankDir(const Options &options)
@@ -392,33 +278,17 @@ int RunDelete(const Options &options)
     });
 }
 
-int RunImport(const Options &options)
-{
-    std::vector<Record> records;
-    const int read = ReadRecords(options, records);
-    if (read != 0) {
-        return read;
-    }
-    const std::string file = ShownFile(options.operands[0]);
-    InterruptCatcher catcher;
-    return WithSession(options, BankDir(options), [&](KbSession &kb) {
-        const int status = WriteRecords(kb, Chip{options.soc, options.cores}, records, file);
-        if (status == 0) {
-            std::printf("imported %s from %s\n", Plural(records.size(), "record").c_str(), file.c_str());
-        }
-        return status;
-    });
-}
-
 int RunExport(const Options &options)
 {
     const std::string opType = options.opTypeGiven ? options.opType : kEveryOpType;
-    InterruptCatcher catcher;
-    return WithSession(options, BankDir(options), [&](KbSession &kb) {
-        std::vector<OvraKb::StrMap> rows;
-        const CallOutcome found = kb.Search("", opType, options.oneChip ? "all" : kEveryChip, rows);
-        return found.Ok() ? WriteExport(rows, options) : ReportFailure(found, opType);
-    });
+    return WithSession(
+        options, BankDir(options),
+        [&](KbSession &kb) {
+            std::vector<OvraKb::StrMap> rows;
+            const CallOutcome found = kb.Search("", opType, options.oneChip ? "all" : kEveryChip, rows);
+            return found.Ok() ? WriteExport(rows, options) : ReportFailure(found, opType);
+        },
+        InterruptHandling::kBetweenSteps);
 }
 
 int RunStats(const Options &options)

@@ -181,6 +181,11 @@ void ApplyPythonPath(const PythonPathChoice &choice)
     }
 }
 
+void RequestReleaseMode()
+{
+    setenv("OVRA_KB_RELEASE_KEPT", "1", 0);
+}
+
 std::string Resolved(const std::string &path)
 {
     char *real = realpath(path.c_str(), nullptr);

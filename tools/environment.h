@@ -32,6 +32,11 @@ PythonPathChoice ChoosePythonPath();
 // Exports the choice: the embedded interpreter reads PYTHONPATH once, when the first OvraKbInit starts it.
 void ApplyPythonPath(const PythonPathChoice &choice);
 
+// A command makes many calls in one process: the library is asked to release the references it keeps on purpose
+// (OVRA_KB_RELEASE_KEPT=1, read when it starts Python), so that memory does not grow with the calls. A value the
+// user set stays.
+void RequestReleaseMode();
+
 bool IsDirectory(const std::string &path);
 // `path` with its symbolic links resolved, or as it is when it cannot be.
 std::string Resolved(const std::string &path);

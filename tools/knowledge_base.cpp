@@ -196,6 +196,7 @@ CallOutcome KbSession::Open()
     }
     const PythonPathChoice pythonPath = ChoosePythonPath();
     ApplyPythonPath(pythonPath);
+    RequestReleaseMode();
     if (settings_.verbose) {
         std::fprintf(stderr, "ovra-kb: PYTHONPATH=%s (%s)\n", pythonPath.value.c_str(),
                      pythonPath.usersOwn ? "as given" : "package directories put in front");
@@ -205,7 +206,13 @@ CallOutcome KbSession::Open()
 
 CallOutcome KbSession::SwitchChip(const std::string &soc, const std::string &cores)
 {
-    return Initialise(soc, cores);
+    const CallOutcome switched = Initialise(soc, cores);
+    if (!switched.Ok() || initialised_ < 2) {
+        return switched;
+    }
+    const CallOutcome previous = Run([] { return OvraKbFinalize(); });
+    initialised_ -= previous.Ok() ? 1 : 0;
+    return previous;
 }
 
 CallOutcome KbSession::Initialise(const std::string &soc, const std::string &cores)

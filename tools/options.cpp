@@ -37,13 +37,14 @@ const CommandInfo kCommands[] = {
      "\"core_num\": \"...\"}\n"
      "(a line without op_type takes --op-type, one without soc_version and core_num the chip of --soc and\n"
      "--cores; other fields are ignored; blank lines are skipped). Each record goes to its own chip.\n"
-     "Every line is checked before the first write, so a malformed file writes nothing; texts holding a\n"
-     "NUL character are refused there too, since the knowledge base would cut them at it.\n"
-     "Records are written without waiting for the disk except the last one, which is made durable;\n"
-     "the knowledge base's durable commit also makes the earlier ones durable.\n"
-     "Files of 1000 records or more show their progress on standard error. A record that the knowledge base\n"
-     "refuses stops the import there; the records before it stay written. Ctrl-C stops it between two\n"
-     "records (exit 130) and says how many were written, each whole and durable.\n"},
+     "Every line is checked first as the knowledge base would (UTF-8, no NUL character, a keyword, an op\n"
+     "type other than '*', a chip name and a positive core count), so a file it would refuse in part writes\n"
+     "nothing and the error names FILE:LINE. The records are then written in the order of the file,\n"
+     "without waiting for the disk except the last one, which is made durable; the knowledge base's\n"
+     "durable commit also makes the earlier ones durable.\n"
+     "Long files show their progress on standard error. A record that the knowledge base still refuses\n"
+     "stops the import there; the records before it stay written. Ctrl-C stops it (exit 130) and says how\n"
+     "many records were written, each whole and durable.\n"},
     {Command::kExport, "export", "export [FILE] [--one-chip] [options]", 0, 1,
      "Writes every record of the bank, of every chip and every op type (or only of --op-type when it is\n"
      "given), as JSON lines with their chip to FILE, or to standard output without FILE (or with -); a\n"

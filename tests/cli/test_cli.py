@@ -9,6 +9,7 @@ import signal
 import subprocess
 import sys
 import tempfile
+import time
 import unicodedata
 import unittest
 import uuid
@@ -42,8 +43,8 @@ class CliTestCase(unittest.TestCase):
 
     def write_file(self, name, text, mode=0o644):
         path = os.path.join(self.tmp, name)
-        with open(path, "w", encoding="utf-8") as out:
-            out.write(text)
+        with open(path, "wb") as out:
+            out.write(text if isinstance(text, bytes) else text.encode("utf-8"))
         os.chmod(path, mode)
         return path
 
@@ -171,17 +172,40 @@ class ExportImportTest(CliTestCase):
             self.assertEqual(export.stderr.read(), "")
         self.assertIn(export.wait(timeout=120), (0, -signal.SIGPIPE))
 
-    def test_ctrl_c_stops_an_import_between_records_and_says_what_was_written(self):
-        lines = [json.dumps({"keyword": "k%06d" % i, "knowledge": "v"}) for i in range(200000)]
-        process = self.start("import", self.write_file("big.jsonl", "\n".join(lines) + "\n"), "--bank", self.bank)
-        for line in process.stderr:
-            if "imported" in line:  # the first progress line: writing has begun
-                break
-        process.send_signal(signal.SIGINT)
-        _, err = process.communicate(timeout=120)
-        self.assertEqual(process.returncode, 130, err)
-        written = int(re.search(r"interrupted: (\d+) records? of 200000 were imported", err).group(1))
-        self.assertEqual(len(self.exported()), written)
+    def test_ctrl_c_at_any_moment_of_an_import_ends_it_with_one_line_and_what_was_written(self):
+        """Ctrl-C while the file is checked, while the knowledge base starts (a write too), or between two records."""
+        big = self.write_file("big.jsonl", "".join(json.dumps({"keyword": "k%06d" % i, "knowledge": "v"}) + "\n"
+                                                   for i in range(20000)))
+        cases = [("import", big, moment) for moment in (0, 0.05, 0.1, 0.2, 0.4, 0.8, "the first progress line")]
+        for args in cases + [("write", "k", "v", 0.1)]:
+            with self.subTest(args=args):
+                shutil.rmtree(self.bank, ignore_errors=True)
+                process = self.start(*(args[:-1] + ("--bank", self.bank)))
+                if args[-1] == "the first progress line":
+                    next(line for line in process.stderr if "imported" in line)
+                else:
+                    self.wait_until_it_catches_sigint(process.pid)
+                    time.sleep(args[-1])
+                process.send_signal(signal.SIGINT)
+                _, err = process.communicate(timeout=120)
+                told = [line for line in err.splitlines() if not re.match(r"ovra-kb: (imported|checked) ", line)]
+                self.assertIn(process.returncode, (130, 0), err)
+                self.assertEqual(len(told), 1 if process.returncode else 0, err)
+                written = re.match(r"ovra-kb: interrupted(: (\d+) records? of 20000 were imported)?", told[0]) \
+                    if told else None
+                self.assertTrue(written or process.returncode == 0, err)
+                finished = {"import": 20000, "write": 1}[args[0]]
+                self.assertEqual(len(self.exported()), int(written.group(2) or 0) if written else finished)
+
+    def wait_until_it_catches_sigint(self, pid):
+        """Returns once the process has its SIGINT handler (bit 2 of SigCgt in /proc/PID/status)."""
+        for _ in range(1000):
+            with open("/proc/%d/status" % pid) as status:
+                caught = int(re.search(r"^SigCgt:\s*([0-9a-f]+)", status.read(), re.MULTILINE).group(1), 16)
+            if caught & (1 << (signal.SIGINT - 1)):
+                return
+            time.sleep(0.005)
+        self.fail("the import never caught SIGINT")
 
     def test_two_processes_importing_at_once_lose_nothing(self):
         own = {writer: ["%s%04d" % (writer, i) for i in range(900)] for writer in "ab"}
@@ -197,26 +221,34 @@ class ExportImportTest(CliTestCase):
         self.assertEqual([r[3] for r in records], own["a"] + own["b"] + ["shared%04d" % i for i in range(100)])
         self.assertTrue(all(r[4] == r[3][0] or r[3].startswith("shared") and r[4] in "ab" for r in records))
 
-    def test_a_bad_file_writes_nothing_and_a_refused_record_stops_the_import_there(self):
+    def test_a_file_that_the_knowledge_base_would_refuse_in_part_writes_nothing(self):
+        good = '{"keyword": "k1", "knowledge": "v1"}\n' * 3
         cases = [
             ('{"keyword": "k1", "knowledge": "v1"}\n{"keyword": "k2"\n', 65, r"2: expected"),
             ('{"keyword": "k1", "knowledge": 7}\n', 65, r"1: the value of \"knowledge\" is not a string"),
             ('{"keyword": "k1"}\n', 65, r"1: a record needs"),
             ('{"keyword": "k1", "knowledge": "\\ud800"}\n', 65, r"1: unpaired surrogate"),
-            ('{"keyword": "k1", "knowledge": "v"}\n{"keyword": "k1\\u0000b", "knowledge": "v"}\n', 65,
-             r"2: the keyword holds a NUL character"),
+            (good.encode() + b'{"keyword": "k4", "knowledge": "v\xff"}\n', 65, r"4: a byte that is not UTF-8 at column 34"),
+            (good.encode() + b'{"keyword": "k4", "knowledge": "\xed\xa0\x80"}\n', 65, r"4: a byte that is not UTF-8"),
+            (good + '{"keyword": "k1\\u0000b", "knowledge": "v"}\n', 65, r"4: the keyword holds a NUL character"),
             ('{"keyword": "k1", "knowledge": "v\\u0000", "op_type": "A"}\n', 65, r"1: the knowledge holds a NUL"),
+            (good + '{"keyword": "", "knowledge": "v"}\n', 65, r"4: the keyword is empty"),
+            (good + '{"keyword": "k4", "knowledge": "v", "op_type": ""}\n', 65, r"4: the op_type is empty"),
+            (good + '{"keyword": "k4", "knowledge": "v", "op_type": "*"}\n', 65, r"4: the op_type is '\*'"),
+            (good + '{"keyword": "k4", "knowledge": "v", "soc_version": " \\u3000", "core_num": "8"}\n', 65,
+             r"4: the soc_version is empty"),
+            (good + '{"keyword": "k4", "knowledge": "v", "soc_version": "s", "core_num": " 00 "}\n', 65,
+             r"4: the core_num ' 00 ' is not a positive whole number"),
             ('{"keyword": "k1", "knowledge": "v", "soc_version": "soc-b2"}\n', 65, r"1: a record with a chip"),
             (None, 66, r"cannot read .*missing\.jsonl: No such file"),
-            ('{"keyword": "k1", "knowledge": "v1"}\n{"keyword": "k2", "knowledge": "v2", "op_type": ""}\n'
-             '{"keyword": "k3", "knowledge": "v3"}\n', 2, r"2: a required setting is missing \(status 2\)"),
         ]
         for text, status, message in cases:
             with self.subTest(text=text):
                 dump = self.write_file("in.jsonl", text) if text else os.path.join(self.tmp, "missing.jsonl")
                 result = self.kb("import", dump, status=status)
-                self.assert_one_line(result.stderr, (r"in\.jsonl:" if text else "") + message)
-        self.assertEqual([r[3] for r in self.exported()], ["k1"], "only the refused file's record before it")
+                self.assert_one_line(result.stderr, (r"in\.jsonl:" if text else "") + message,
+                                     "; nothing was written" if text else message)
+                self.assertEqual(self.exported(), [])
 
 
 class FailureTest(CliTestCase):
@@ -472,29 +504,35 @@ class PackageTest(CliTestCase):
              [opened, ["search", "k", "MatMul", "exact"], ["delete", "k", "MatMul", 1], ["finalize"]]),
             ("search passes its type", ("search", "k", "--type", "prefix"), stand_in, 0,
              [opened, ["search", "k", "generic", "prefix"], ["finalize"]]),
-            ("import groups the chips and makes the last write durable", ("import", records), stand_in, 0,
-             [opened, ["write", "k1", "generic", 0], ["write", "k3", "generic", 0], ["init", "soc-b2", "16"],
-              ["write", "k2", "generic", 1], ["finalize"], ["finalize"]]),
+            ("import writes in the file's order, each record on its chip, the last one durably", ("import", records),
+             stand_in, 0, [opened, ["write", "k1", "generic", 0], ["init", "soc-b2", "16"], ["finalize"],
+                           ["write", "k2", "generic", 0], opened, ["finalize"], ["write", "k3", "generic", 1],
+                           ["finalize"]]),
+            ("a refused record stops the import there", ("import", records), dict(stand_in, OVRA_KB_STAND_IN_FAIL="k2"),
+             6, [opened, ["write", "k1", "generic", 0], ["init", "soc-b2", "16"], ["finalize"],
+                 ["write", "k2", "generic", 0], ["finalize"]]),
             ("a refused init is not finalised", write, dict(stand_in, OVRA_KB_STAND_IN_FAIL="init"), 6, [opened]),
             ("a failed finalisation fails the command", write, dict(stand_in, OVRA_KB_STAND_IN_FAIL="finalize"), 6,
              written),
         ]
         for name, args, env, status, calls in cases:
             with self.subTest(name):
+                shutil.rmtree(self.bank, True)
+                if os.path.exists(log):
+                    os.remove(log)
                 os.makedirs(self.bank)
                 cli = args[0] if args[0] == installed else None
                 result = self.run_cli(*(args[1:] if cli else args), "--bank", self.bank, env=env, status=status,
                                       cli=cli)
-                if status:
-                    self.assert_one_line(result.stderr, r"the stand-in refused \w+ \[STAND_IN_E1\]")
+                if status:  # an import names the line of the refused record
+                    self.assert_one_line(result.stderr, r"the stand-in refused \w+ \[STAND_IN_E1\]",
+                                         *[r"in\.jsonl:2: "][:args[0] == "import"])
                 if calls is None:
                     self.assertFalse(os.path.exists(log), "the stand-in answered")
                     self.assertEqual([r[3] for r in self.exported()], ["k"])
                 else:
                     with open(log, encoding="utf-8") as noted:
                         self.assertEqual([json.loads(line) for line in noted], calls)
-                    os.remove(log)
-                shutil.rmtree(self.bank)
 
     def test_no_package_anywhere_names_the_fix(self):
         bare = copy_of_cli(self.tmp, "bare")
@@ -512,7 +550,7 @@ class ServerBankTest(ExportImportTest):
     """The export and import tests, and logins, on a PostgreSQL bank. The test interpreter has the driver."""
 
     # What the command does before and around the bank is tested once, on a directory.
-    test_ctrl_c_stops_an_import_between_records_and_says_what_was_written = None
+    test_ctrl_c_at_any_moment_of_an_import_ends_it_with_one_line_and_what_was_written = None
 
     def setUp(self):
         super().setUp()
