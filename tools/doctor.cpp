@@ -44,8 +44,11 @@ const char kSharedBuild[] =
     "install a build with a shared library (pyenv: PYTHON_CONFIGURE_OPTS=--enable-shared pyenv install VERSION; "
     "Debian: apt-get install libpython3-dev) and put it first on PATH";
 
+// ok: nothing to do; warn: it works, but the text says what to mind; fix: the text says what to change.
+enum class Level { kOk, kWarn, kFix };
+
 struct Finding {
-    bool ok;
+    Level level;
     std::string name;
     std::string text;
 };
@@ -63,6 +66,7 @@ class Doctor {
         CheckRuntime();
         CheckModules();
         CheckBank();
+        CheckReleaseMode();
         if (telling_ == Telling::kJson) {
             PrintJson();
         }
@@ -76,7 +80,7 @@ class Doctor {
         CheckRuntime();
         CheckModules();
         for (const Finding &finding : findings_) {
-            if (!finding.ok) {
+            if (finding.level == Level::kFix) {
                 return finding.name + ": " + finding.text;
             }
         }
@@ -86,21 +90,29 @@ class Doctor {
   private:
     void Report(bool ok, const std::string &name, const std::string &text)
     {
-        findings_.push_back(Finding{ok, name, text});
-        failures_ += ok ? 0 : 1;
+        Report(ok ? Level::kOk : Level::kFix, name, text);
+    }
+
+    void Report(Level level, const std::string &name, const std::string &text)
+    {
+        findings_.push_back(Finding{level, name, text});
+        failures_ += level == Level::kFix ? 1 : 0;
         if (telling_ == Telling::kLines) {
-            std::printf("%-4s %s: %s\n", ok ? "ok" : "fix", name.c_str(), text.c_str());
+            const char *shown = level == Level::kOk ? "ok" : level == Level::kWarn ? "warn" : "fix";
+            std::printf("%-4s %s: %s\n", shown, name.c_str(), text.c_str());
             std::fflush(stdout);
         }
     }
 
-    // "ok" is a JSON boolean, so that a script can test it as it is (the string "false" would count as true).
+    // "ok" and "warning" are JSON booleans, so that a script can test them as they are (the string "false" would
+    // count as true). A warning is ok: nothing needs to change for the knowledge base to work.
     void PrintJson() const
     {
         std::vector<std::string> objects;
         for (const Finding &finding : findings_) {
             objects.push_back("{\"check\": " + JsonString(finding.name) + ", \"detail\": " + JsonString(finding.text) +
-                              ", \"ok\": " + (finding.ok ? "true" : "false") + "}");
+                              ", \"ok\": " + (finding.level != Level::kFix ? "true" : "false") +
+                              ", \"warning\": " + (finding.level == Level::kWarn ? "true" : "false") + "}");
         }
         std::fputs(FormatJsonArray(objects).c_str(), stdout);
     }
@@ -115,6 +127,7 @@ class Doctor {
     void CheckBank();
     void CheckBankDatabase();
     void CheckServerBank();
+    void CheckReleaseMode();
 
     std::string bank_;
     Telling telling_;
@@ -200,19 +213,29 @@ void Doctor::DescribePython(const std::string &onPath, const std::string &execut
         return;
     }
     havePython_ = true;
+    // The CPython fault of the user guide's known limits: the library's last user finalising and a new one
+    // initialising in one process starts the interpreter a second time.
+    const bool restartCrashes = version == "3.12.0" || version == "3.12.1";
+    const std::string restartWarning =
+        "; on CPython " + version +
+        " a second start of the interpreter in one process crashes (a CPython fault): a program that lets the "
+        "library's last user finalise and then initialises again must keep one OvraKbInit outstanding instead, or "
+        "use 3.12.2 or later (ovra-kb starts it once per process)";
     if (!IsScript(onPath)) {
         const std::string real = Resolved(onPath);
-        Report(true, "python3", onPath + (real != onPath ? " -> " + real : "") + " (Python " + version + ")");
+        Report(restartCrashes ? Level::kWarn : Level::kOk, "python3",
+               onPath + (real != onPath ? " -> " + real : "") + " (Python " + version + ")" +
+                   (restartCrashes ? restartWarning : ""));
         return;
     }
     // The library starts python3 twice at start-up; through a shim each start pays the shim's own work.
     const double throughShim = MillisecondsPerRun("python3" + kLdLibraryArgs);
     const double direct = MillisecondsPerRun(ShellQuote(executable) + kLdLibraryArgs);
-    Report(true, "python3",
+    Report(restartCrashes ? Level::kWarn : Level::kOk, "python3",
            onPath + " is " + ShimOwner(onPath) + " for " + executable + " (Python " + version + "); it adds " +
                Milliseconds(std::max(0.0, throughShim - direct)) + " to each of the library's two queries (" +
                Milliseconds(throughShim) + " against " + Milliseconds(direct) + " direct): put " + DirOf(executable) +
-               " first on PATH to save it");
+               " first on PATH to save it" + (restartCrashes ? restartWarning : ""));
 }
 
 bool Doctor::CheckConfigVar(const char *name, const std::string &args, std::string &answer)
@@ -436,6 +459,31 @@ void Doctor::CheckBank()
     Report(ok, "bank",
            ok ? bank_ + " does not exist yet; it will be created in " + ancestor
               : bank_ + " cannot be created: " + ancestor + " is not writable (" + why + ")" + fix);
+}
+
+// Release mode is read from the environment when the library starts Python; the command turns it on for itself, so
+// what is shown is the mode of the other programs started from this environment.
+void Doctor::CheckReleaseMode()
+{
+    const char *value = std::getenv("OVRA_KB_RELEASE_KEPT");
+    const std::string given = value != nullptr ? value : "";
+    const std::string exact =
+        "the library keeps the references it keeps on purpose, exactly, and a long-running "
+        "program's memory grows with its calls";
+    if (given == "1") {
+        Report(Level::kOk, "release mode",
+               "on (OVRA_KB_RELEASE_KEPT=1): the library releases every reference it would keep on purpose, and a "
+               "long-running program's memory stays flat");
+    } else if (given.empty()) {
+        Report(Level::kOk, "release mode",
+               "off (OVRA_KB_RELEASE_KEPT is not set): " + exact +
+                   "; set OVRA_KB_RELEASE_KEPT=1 before the first OvraKbInit to release them (ovra-kb turns it on for "
+                   "itself)");
+    } else {
+        Report(Level::kWarn, "release mode",
+               "off: OVRA_KB_RELEASE_KEPT=" + given + " is not 1, so " + exact +
+                   "; set it to 1 to release them, or unset it (ovra-kb turns it on for itself)");
+    }
 }
 
 }  // namespace

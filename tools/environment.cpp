@@ -183,7 +183,7 @@ void ApplyPythonPath(const PythonPathChoice &choice)
 
 void RequestReleaseMode()
 {
-    setenv("OVRA_KB_RELEASE_KEPT", "1", 0);
+    setenv("OVRA_KB_RELEASE_KEPT", "1", 1);
 }
 
 std::string Resolved(const std::string &path)

@@ -33,8 +33,7 @@ PythonPathChoice ChoosePythonPath();
 void ApplyPythonPath(const PythonPathChoice &choice);
 
 // A command makes many calls in one process: the library is asked to release the references it keeps on purpose
-// (OVRA_KB_RELEASE_KEPT=1, read when it starts Python), so that memory does not grow with the calls. A value the
-// user set stays.
+// (OVRA_KB_RELEASE_KEPT=1, read when it starts Python), so that memory does not grow with the calls.
 void RequestReleaseMode();
 
 bool IsDirectory(const std::string &path);
