@@ -59,15 +59,17 @@ const CommandInfo kCommands[] = {
      "searches them exactly, by prefix and all at once, deletes one, and tells each step.\n"
      "The bank is a temporary directory, removed at the end, unless --bank names an empty or new one.\n"},
     {Command::kDoctor, "doctor", "doctor [--json] [options]", 0, 0,
-     "Checks what the knowledge base needs, one line per check, each \"ok\" or the fix to apply:\n"
+     "Checks what the knowledge base needs, one line per check, each \"ok\", \"warn\" (it works, but mind\n"
+     "what follows) or the fix to apply:\n"
      "  python3    which python3 the search path finds (and what a version-manager shim costs)\n"
      "  LDLIBRARY  and LIBDIR: the answers the library asks python3 for\n"
      "  runtime    that file exists and is a shared library exporting the 47 entry points bound\n"
      "  modules    the knowledge-base module and its log module import with the PYTHONPATH used\n"
      "  bank       the bank directory (--bank) is writable, or its PostgreSQL server answers\n"
      "  database   the bank's database passes SQLite's quick integrity check\n"
-     "  --json     a JSON array of {\"check\", \"ok\", \"detail\"} objects instead of lines\n"
-     "Exits with 0 when every check passes, 1 otherwise.\n"},
+     "  release mode  whether OVRA_KB_RELEASE_KEPT=1 has the library release what it keeps on purpose\n"
+     "  --json     a JSON array of {\"check\", \"detail\", \"ok\", \"warning\"} objects instead of lines\n"
+     "Exits with 0 when no check needs a fix, 1 otherwise.\n"},
 };
 
 const char kCommonOptions[] =
