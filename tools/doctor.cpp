@@ -32,17 +32,18 @@ const std::size_t kEntryPointCount = sizeof(kEntryPoints) / sizeof(kEntryPoints[
 // The arguments of the queries the library runs, word for word, so that the answers are the ones it gets.
 const std::string kLdLibraryArgs = " -c \"import sysconfig; print(sysconfig.get_config_var(\\\"LDLIBRARY\\\"))\"";
 const std::string kLibDirArgs = " -c \"import sysconfig; print(sysconfig.get_config_var(\\\"LIBDIR\\\"))\"";
-const char kIdentityQuery[] =
-    "python3 -c 'import sys, sysconfig; print(sys.executable); print(\"%d.%d.%d\" % sys.version_info[:3]); "
+const char kIdentityArgs[] =
+    " -c 'import sys, sysconfig; print(sys.executable); print(\"%d.%d.%d\" % sys.version_info[:3]); "
     "print(sysconfig.get_config_var(\"Py_GIL_DISABLED\") or 0)' 2>&1";
 const int kTimingRuns = 3;
 const char kInstallPython[] =
     "install a CPython 3.6 to 3.13 built as a shared library (Debian: apt-get install python3 libpython3-dev; "
-    "pyenv: PYTHON_CONFIGURE_OPTS=--enable-shared pyenv install VERSION) and put it first on PATH";
+    "pyenv: PYTHON_CONFIGURE_OPTS=--enable-shared pyenv install VERSION) and put it first on PATH (or name its "
+    "python3 in OVRA_KB_PYTHON)";
 
 const char kSharedBuild[] =
     "install a build with a shared library (pyenv: PYTHON_CONFIGURE_OPTS=--enable-shared pyenv install VERSION; "
-    "Debian: apt-get install libpython3-dev) and put it first on PATH";
+    "Debian: apt-get install libpython3-dev) and put it first on PATH (or name its python3 in OVRA_KB_PYTHON)";
 
 // ok: nothing to do; warn: it works, but the text says what to mind; fix: the text says what to change.
 enum class Level { kOk, kWarn, kFix };
@@ -58,7 +59,10 @@ enum class Telling { kLines, kJson, kQuiet };
 
 class Doctor {
   public:
-    Doctor(std::string bank, Telling telling) : bank_(std::move(bank)), telling_(telling) {}
+    Doctor(std::string bank, Telling telling)
+        : bank_(std::move(bank)), telling_(telling), python_(ChosenPython()), py_(python_.command)
+    {
+    }
 
     int Run()
     {
@@ -131,6 +135,8 @@ class Doctor {
 
     std::string bank_;
     Telling telling_;
+    PythonChoice python_;
+    std::string py_;  // starts python_ in a shell command
     std::vector<Finding> findings_;
     bool havePython_ = false;
     int failures_ = 0;
@@ -180,20 +186,25 @@ std::string Milliseconds(double value)
 
 void Doctor::CheckPython()
 {
-    const std::string onPath = FindOnPath("python3");
-    if (onPath.empty()) {
+    if (python_.path.empty()) {
         Report(false, "python3", "none on PATH; " + std::string(kInstallPython));
         return;
     }
-    const ShellResult identity = RunShell(kIdentityQuery);
+    if (!python_.runs && python_.named) {
+        Report(false, "python3",
+               "OVRA_KB_PYTHON names " + python_.path +
+                   ", which is not an executable file; name a python3 there, or unset it to use the one on PATH");
+        return;
+    }
+    const ShellResult identity = RunShell(py_ + kIdentityArgs);
     const std::string answer = TrimRight(identity.output);
     const std::size_t newline = answer.find('\n');
     if (identity.exitCode != 0 || newline == std::string::npos) {
-        Report(false, "python3", onPath + " does not run (" + LastLine(identity.output) + "); " + kInstallPython);
+        Report(false, "python3", python_.path + " does not run (" + LastLine(identity.output) + "); " + kInstallPython);
         return;
     }
     const std::vector<std::string> lines = SplitLines(answer);
-    DescribePython(onPath, lines[0], lines.size() > 1 ? lines[1] : "", lines.size() > 2 && lines[2] == "1");
+    DescribePython(python_.path, lines[0], lines.size() > 1 ? lines[1] : "", lines.size() > 2 && lines[2] == "1");
 }
 
 void Doctor::DescribePython(const std::string &onPath, const std::string &executable, const std::string &version,
@@ -221,26 +232,31 @@ void Doctor::DescribePython(const std::string &onPath, const std::string &execut
         " a second start of the interpreter in one process crashes (a CPython fault): a program that lets the "
         "library's last user finalise and then initialises again must keep one OvraKbInit outstanding instead, or "
         "use 3.12.2 or later (ovra-kb starts it once per process)";
+    const std::string why =
+        python_.named ? ", named by OVRA_KB_PYTHON" : ", the first python3 on PATH (OVRA_KB_PYTHON would choose another)";
     if (!IsScript(onPath)) {
         const std::string real = Resolved(onPath);
         Report(restartCrashes ? Level::kWarn : Level::kOk, "python3",
-               onPath + (real != onPath ? " -> " + real : "") + " (Python " + version + ")" +
+               onPath + (real != onPath ? " -> " + real : "") + " (Python " + version + ")" + why +
                    (restartCrashes ? restartWarning : ""));
         return;
     }
     // The library starts python3 twice at start-up; through a shim each start pays the shim's own work.
-    const double throughShim = MillisecondsPerRun("python3" + kLdLibraryArgs);
+    const double throughShim = MillisecondsPerRun(py_ + kLdLibraryArgs);
     const double direct = MillisecondsPerRun(ShellQuote(executable) + kLdLibraryArgs);
     Report(restartCrashes ? Level::kWarn : Level::kOk, "python3",
-           onPath + " is " + ShimOwner(onPath) + " for " + executable + " (Python " + version + "); it adds " +
-               Milliseconds(std::max(0.0, throughShim - direct)) + " to each of the library's two queries (" +
-               Milliseconds(throughShim) + " against " + Milliseconds(direct) + " direct): put " + DirOf(executable) +
-               " first on PATH to save it" + (restartCrashes ? restartWarning : ""));
+           onPath + " is " + ShimOwner(onPath) + " for " + executable + " (Python " + version + ")" + why +
+               "; it adds " + Milliseconds(std::max(0.0, throughShim - direct)) +
+               " to each of the library's two queries (" + Milliseconds(throughShim) + " against " +
+               Milliseconds(direct) + " direct): " +
+               (python_.named ? "name " + executable + " in OVRA_KB_PYTHON"
+                              : "put " + DirOf(executable) + " first on PATH") +
+               " to save it" + (restartCrashes ? restartWarning : ""));
 }
 
 bool Doctor::CheckConfigVar(const char *name, const std::string &args, std::string &answer)
 {
-    const ShellResult result = RunShell("python3" + args);
+    const ShellResult result = RunShell(py_ + args);
     answer = TrimRight(result.output);
     const bool ok = result.exitCode == 0 && !answer.empty() && answer != "None";
     // The library loads only a shared library: a name without ".so" (a static archive) is refused.
@@ -319,7 +335,7 @@ void Doctor::CheckModules()
             Report(false, module, "not checked without a working python3; apply the python3 fix first");
             continue;
         }
-        const ShellResult imported = RunShell("python3 -c " + ShellQuote(std::string("import ") + module) + " 2>&1");
+        const ShellResult imported = RunShell(py_ + " -c " + ShellQuote(std::string("import ") + module) + " 2>&1");
         Report(imported.exitCode == 0, module,
                imported.exitCode == 0 ? "imports with " + shownPath
                                       : "does not import with " + shownPath + " (" + LastLine(imported.output) +
@@ -371,20 +387,21 @@ void Doctor::CheckServerBank()
         Report(false, "bank", shown + " not checked without a working python3; apply the python3 fix first");
         return;
     }
-    const ShellResult driver = RunShell("python3 -c 'import psycopg' 2>&1");
+    const ShellResult driver = RunShell(py_ + " -c 'import psycopg' 2>&1");
     if (driver.exitCode != 0) {
         Report(false, "bank",
                shown + " needs the PostgreSQL driver, which python3 cannot import (" + LastLine(driver.output) + "); " +
-                   (Resolved(FindOnPath("python3")).rfind("/usr/bin/", 0) == 0
+                   (Resolved(python_.path).rfind("/usr/bin/", 0) == 0
                         ? "apt-get install python3-psycopg"
                         : "python3 -m pip install \"psycopg[binary]\" for the python3 on the search path"));
         return;
     }
     // The URL travels in the environment, so that its password never shows in a process list.
     setenv("OVRA_KB_DOCTOR_URL", bank_.c_str(), 1);
-    const ShellResult connected = RunShell(
-        "python3 -c 'import os, psycopg; psycopg.connect(os.environ[\"OVRA_KB_DOCTOR_URL\"], "
-        "connect_timeout=5).close()' 2>&1");
+    const ShellResult connected =
+        RunShell(py_ +
+                 " -c 'import os, psycopg; psycopg.connect(os.environ[\"OVRA_KB_DOCTOR_URL\"], "
+                 "connect_timeout=5).close()' 2>&1");
     unsetenv("OVRA_KB_DOCTOR_URL");
     Report(connected.exitCode == 0, "bank",
            connected.exitCode == 0 ? shown + " answers"
@@ -405,8 +422,9 @@ void Doctor::CheckBankDatabase()
     const bool live = access((database + "-wal").c_str(), F_OK) == 0 && access((database + "-shm").c_str(), F_OK) == 0;
     setenv("OVRA_KB_DOCTOR_DB", database.c_str(), 1);
     const ShellResult checked = RunShell(
-        std::string("python3 -c 'import os, sqlite3, urllib.parse as u; "
-                    "c = sqlite3.connect(\"file:\" + u.quote(os.environ[\"OVRA_KB_DOCTOR_DB\"]) + \"?mode=ro") +
+        py_ +
+        " -c 'import os, sqlite3, urllib.parse as u; "
+        "c = sqlite3.connect(\"file:\" + u.quote(os.environ[\"OVRA_KB_DOCTOR_DB\"]) + \"?mode=ro" +
         (live ? "" : "&immutable=1") +
         "\", uri=True); "
         "r = c.execute(\"PRAGMA quick_check\").fetchone()[0]; "

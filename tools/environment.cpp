@@ -100,7 +100,7 @@ bool UsersPythonPathWorks()
         return true;
     }
     const std::string imports = std::string("import ") + kInterfaceModule + ", " + kLogModule;
-    return RunShell("python3 -c " + ShellQuote(imports) + " >/dev/null 2>&1").exitCode == 0;
+    return RunShell(ChosenPython().command + " -c " + ShellQuote(imports) + " >/dev/null 2>&1").exitCode == 0;
 }
 
 bool RunsFromBuildTree()
@@ -157,6 +157,17 @@ std::string FindOnPath(const std::string &name)
         }
     }
     return "";
+}
+
+PythonChoice ChosenPython()
+{
+    PythonChoice choice;
+    choice.path = Env("OVRA_KB_PYTHON");
+    choice.named = !choice.path.empty();
+    choice.path = choice.named ? choice.path : FindOnPath("python3");
+    choice.runs = IsFile(choice.path) && access(choice.path.c_str(), X_OK) == 0;
+    choice.command = choice.named ? ShellQuote(choice.path) : "python3";
+    return choice;
 }
 
 PythonPathChoice ChoosePythonPath()

@@ -22,6 +22,15 @@ void ConfigureLibraryLog(bool verbose);
 // The first executable called `name` in the directories of PATH, or "" when there is none.
 std::string FindOnPath(const std::string &name);
 
+// The python3 that the library asks about the runtime: $OVRA_KB_PYTHON when it is set, else the first on PATH.
+struct PythonChoice {
+    std::string path;     // "" when PATH has none
+    bool named = false;   // by OVRA_KB_PYTHON
+    bool runs = false;    // an executable file
+    std::string command;  // how a shell command starts it
+};
+PythonChoice ChosenPython();
+
 // The PYTHONPATH that lets python3 import the knowledge-base package.
 struct PythonPathChoice {
     std::string value;

@@ -78,7 +78,7 @@ const char *SituationHintOf(const std::string &code, const std::string &message,
     if (code == "OVRA_KB_E003" && message.find("too long") != std::string::npos) {
         return "try --bank with a shorter path";
     }
-    if (code == "OVRA_KB_E012" && Resolved(FindOnPath("python3")).rfind("/usr/bin/", 0) != 0) {
+    if (code == "OVRA_KB_E012" && Resolved(ChosenPython().path).rfind("/usr/bin/", 0) != 0) {
         return "install psycopg 3 into the python3 on the search path (python3 -m pip install \"psycopg[binary]\"), "
                "or put Debian's /usr/bin/python3 with python3-psycopg first on PATH";
     }
@@ -135,7 +135,10 @@ std::string WhatWentWrong(const CallOutcome &outcome, const std::string &opType,
         return "the op type is empty, so op_type was left out";
     }
     if (outcome.status == OvraKb::OVRA_KB_PYTHON_UNAVAILABLE) {
-        return FindOnPath("python3").empty() ? "no python3 on PATH" : FirstPythonProblem();
+        const PythonChoice python = ChosenPython();
+        return python.runs    ? FirstPythonProblem()
+               : python.named ? "OVRA_KB_PYTHON names " + python.path + ", which is not an executable file"
+                              : "no python3 on PATH";
     }
     return "";
 }
@@ -189,7 +192,7 @@ KbSession::~KbSession()
 CallOutcome KbSession::Open()
 {
     // Without python3 the library answers the same status, but only after its shell complained on stderr.
-    if (FindOnPath("python3").empty()) {
+    if (!ChosenPython().runs) {
         CallOutcome noPython;
         noPython.status = OvraKb::OVRA_KB_PYTHON_UNAVAILABLE;
         return noPython;

@@ -289,6 +289,8 @@ esac
              [r"could not be passed to Python \(status 4\); pass --op-type, --soc, --cores and --bank as UTF-8"]),
             ("no python3 on PATH", delete, {"PATH": self.make_dir("empty-bin")}, 3,
              [r"Python could not be started \(status 3\): no python3 on PATH", "try ovra-kb doctor$"]),
+            ("OVRA_KB_PYTHON names no interpreter", delete, {"OVRA_KB_PYTHON": "/nonexistent/python3"}, 3,
+             [r"\(status 3\): OVRA_KB_PYTHON names /nonexistent/python3, which is not an executable file"]),
             ("Python 2 on PATH", delete, {"PATH": self.fake_python("2.7.18")}, 3,
              [r"\(status 3\): python3: .* is Python 2\.7\.18, which the library cannot use"]),
             ("only a static runtime", delete, {"PATH": self.fake_python("3.11.4", "libpython3.11.a")}, 3,
@@ -381,26 +383,33 @@ class DoctorTest(CliTestCase):
 
     def test_the_python3_on_path_is_named_and_measured(self):
         python3 = os.path.join(self.bin, "python3")
-        cases = [  # (what python3 is, a target to link or a script to write, status, {check: pattern}); each with
-            # another OVRA_KB_RELEASE_KEPT (None: unset), which the "release mode" pattern checks
-            ("the test interpreter", TEST_PYTHON, None, 0,
-             {"python3": "^ok +python3: %s -> " % re.escape(python3), "bank": "does not exist yet",
+        broken = "#!/bin/sh\nexit 1\n"
+        cases = [  # (what python3 is, a target to link or a script to write, environment, status, {check: pattern});
+            # each with another OVRA_KB_RELEASE_KEPT (unset, 1, or another value)
+            ("the test interpreter", TEST_PYTHON, {}, 0,
+             {"python3": "^ok +python3: %s -> .*, the first python3 on PATH" % re.escape(python3),
               "runtime": r"libpython3\.\d+\.so is a shared library exporting all 47 entry points",
-              "release mode": r"^ok +release mode: off \(OVRA_KB_RELEASE_KEPT is not set\): .*set OVRA_KB_RELEASE_KEPT=1"}),
-            ("a script", "#!/bin/sh\nexec %s \"$@\"\n" % TEST_PYTHON, "1", 0, {"python3": r"is a script \(a shim\?\) for "
-             r"%s \(Python 3\.[0-9.]+\); it adds \d+ ms to each of the library's two queries \(\d+ ms against \d+ ms "
-             r"direct\)" % re.escape(TEST_PYTHON), "release mode": r"^ok +release mode: on \(OVRA_KB_RELEASE_KEPT=1\)"}),
-            ("pyenv's shim", os.path.expanduser("~/.pyenv/shims/python3"), None, None,
+              "bank": "does not exist yet", "release mode": r"^ok +release mode: off \(OVRA_KB_RELEASE_KEPT is not "
+                                                            r"set\): .*set OVRA_KB_RELEASE_KEPT=1"}),
+            ("a script", "#!/bin/sh\nexec %s \"$@\"\n" % TEST_PYTHON, {"OVRA_KB_RELEASE_KEPT": "1"}, 0,
+             {"python3": r"is a script \(a shim\?\) for %s \(Python 3\.[0-9.]+\), .*; it adds \d+ ms to each of the "
+                         r"library's two queries \(\d+ ms against \d+ ms direct\)" % re.escape(TEST_PYTHON),
+              "release mode": r"^ok +release mode: on \(OVRA_KB_RELEASE_KEPT=1\)"}),
+            ("pyenv's shim", os.path.expanduser("~/.pyenv/shims/python3"), {}, None,
              {"python3": "python3: %s is pyenv's shim for .*; it adds" % python3}),
             ("CPython 3.12.1, whose second start in a process crashes", os.path.expanduser(
-                "~/.pyenv/versions/3.12.1/bin/python3"), "yes", 0,
-             {"python3": r"^warn +python3: .*\(Python 3\.12\.1\); on CPython 3\.12\.1 a second start of the "
-                         r"interpreter in one process crashes", "release mode": r"^warn +release mode: off: "
-                                                                                r"OVRA_KB_RELEASE_KEPT=yes is not 1"}),
-            ("none", None, None, 1, {"python3": r"^fix +python3: none on PATH; install a CPython .* shared library",
-                                     "bank": "^ok "}),
+                "~/.pyenv/versions/3.12.1/bin/python3"), {"OVRA_KB_RELEASE_KEPT": "yes"}, 0,
+             {"python3": r"^warn +python3: .*\(Python 3\.12\.1\), .*; on CPython 3\.12\.1 a second start of the "
+                         r"interpreter in one process crashes",
+              "release mode": r"^warn +release mode: off: OVRA_KB_RELEASE_KEPT=yes is not 1"}),
+            ("OVRA_KB_PYTHON's, before a broken one on PATH", broken, {"OVRA_KB_PYTHON": TEST_PYTHON}, 0,
+             {"python3": "^ok +python3: %s .*, named by OVRA_KB_PYTHON$" % re.escape(TEST_PYTHON)}),
+            ("OVRA_KB_PYTHON's, which does not exist", TEST_PYTHON, {"OVRA_KB_PYTHON": self.tmp + "/none"}, 1,
+             {"python3": "^fix +python3: OVRA_KB_PYTHON names %s/none, which is not an executable" % self.tmp}),
+            ("none", None, {"PATH": self.bin}, 1,
+             {"python3": r"^fix +python3: none on PATH; install a CPython .* shared library", "bank": "^ok "}),
         ]
-        for name, target, release, status, patterns in cases:
+        for name, target, env, status, patterns in cases:
             with self.subTest(name):
                 if os.path.lexists(python3):
                     os.remove(python3)
@@ -410,8 +419,6 @@ class DoctorTest(CliTestCase):
                     os.symlink(target, python3)
                 elif target:
                     continue  # no pyenv here
-                env = dict({"PATH": self.bin} if target is None else {},
-                           **({"OVRA_KB_RELEASE_KEPT": release} if release else {}))
                 lines = self.doctor(status, env=env)
                 for check, pattern in patterns.items():
                     self.assertRegex(lines[check], pattern)
