@@ -53,6 +53,13 @@ class InterruptHold {
     sigset_t previous_;
 };
 
+// The interpreter's stop, like its start, is not cut short by a Ctrl-C (whose disposition it changes meanwhile).
+CallOutcome CloseHoldingInterrupts(KbSession &session)
+{
+    const InterruptHold hold;
+    return session.Close();
+}
+
 // A record of the searches that span the bank's chips (the reference package's extensions).
 const char kEveryChip[] = "all_chips";
 const char kChipCounts[] = "chips";
@@ -197,7 +204,7 @@ int WithSession(const Options &options, const std::string &bank, const std::func
         catcher.reset();  // a Ctrl-C noted until now is acted on below; a later one ends the command at once
     }
     if (gInterrupted != 0) {
-        session.Close();
+        CloseHoldingInterrupts(session);
         std::fputs("ovra-kb: interrupted while the knowledge base started; nothing was changed\n", stderr);
         return kExitInterrupted;
     }
@@ -205,7 +212,7 @@ int WithSession(const Options &options, const std::string &bank, const std::func
         return ReportFailure(opened, options.opType);
     }
     const int status = body(session);
-    const CallOutcome closed = session.Close();
+    const CallOutcome closed = CloseHoldingInterrupts(session);
     return status == 0 && !closed.Ok() ? ReportFailure(closed, options.opType) : status;
 }
 
