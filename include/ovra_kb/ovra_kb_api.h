@@ -45,6 +45,7 @@
 #include <string>
 #include <vector>
 
+#include "ovra_kb/export.h"
 #include "ovra_kb/version.h"
 
 namespace OvraKb {
@@ -83,7 +84,7 @@ extern "C" {
  * another user's initialisation); the failed call leaves the Python side up until the process
  * ends.
  */
-std::uint32_t OvraKbInit(const OvraKb::StrMap &sysConfigMap, const OvraKb::StrMap &loadConfigMap);
+OVRA_KB_EXPORT std::uint32_t OvraKbInit(const OvraKb::StrMap &sysConfigMap, const OvraKb::StrMap &loadConfigMap);
 
 /*
  * Calls the knowledge base's "ovra_kb_finalize"; only if that succeeded, releases one user
@@ -91,7 +92,7 @@ std::uint32_t OvraKbInit(const OvraKb::StrMap &sysConfigMap, const OvraKb::StrMa
  * the runtime it loaded). Returns 0, or 6 when the module is missing or raised; the Python
  * side then stays up and a later call tries again. Returns 3 when the Python side is not up.
  */
-std::uint32_t OvraKbFinalize();
+OVRA_KB_EXPORT std::uint32_t OvraKbFinalize();
 
 /*
  * Searches the knowledge base and blocks until the module reports completion.
@@ -103,7 +104,7 @@ std::uint32_t OvraKbFinalize();
  * 4; 5; or 6 when the module is missing, raised, or answered the request with anything but a
  * non-empty str.
  */
-std::uint32_t OvraKbSearch(const std::string &keyword, const OvraKb::StrMap &searchConfigMap,
+OVRA_KB_EXPORT std::uint32_t OvraKbSearch(const std::string &keyword, const OvraKb::StrMap &searchConfigMap,
                            std::vector<OvraKb::StrMap> &results);
 
 /*
@@ -115,13 +116,13 @@ std::uint32_t OvraKbSearch(const std::string &keyword, const OvraKb::StrMap &sea
  * Returns 0; 2 for a missing "op_type"; 3 when the Python side is not up; 4; 5; or 6 when
  * the module is missing, raised, or answered anything but the integer 0.
  */
-std::uint32_t OvraKbWrite(const std::string &keyword, const std::string &knowledge,
+OVRA_KB_EXPORT std::uint32_t OvraKbWrite(const std::string &keyword, const std::string &knowledge,
                           const OvraKb::StrMap &writeConfigMap, const bool &flag);
 
 /*
  * Deletes one record; parameters and statuses as for OvraKbWrite, without knowledge.
  */
-std::uint32_t OvraKbDelete(const std::string &keyword, const OvraKb::StrMap &writeConfigMap, const bool &flag);
+OVRA_KB_EXPORT std::uint32_t OvraKbDelete(const std::string &keyword, const OvraKb::StrMap &writeConfigMap, const bool &flag);
 
 }  // extern "C"
 

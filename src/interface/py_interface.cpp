@@ -184,11 +184,12 @@ std::uint32_t RunChange(const ChangeMessages &messages, const StrMap &writeConfi
 
 enum class PollResult { NOT_FINISHED, FINISHED, CALL_FAILED, FLAG_FAILED, FINALISED };
 
-// One cycle of the search: asks the module once, under the lock, whether the task finished.
-PollResult PollSearchOnce(PyObjectPtr &taskHandle, std::vector<StrMap> &results)
+// One cycle of the search: asks the module once, under the lock, whether the task finished. The first poll
+// takes the lock at once; later ones, of a search that is waiting, take their turn behind the others.
+PollResult PollSearchOnce(PyObjectPtr &taskHandle, std::vector<StrMap> &results, GilGuard::Turn turn)
 {
     HandleManager &api = PyApi();
-    GilGuard gil;
+    GilGuard gil(turn);
     if (CallGate::Closing()) {
         taskHandle = PyObjectPtr();
         OVRA_KB_LOG(OVRA_LEVEL_ERROR, "OvraKbSearch: the knowledge base is being finalised, the search ends unfinished.");
@@ -459,8 +460,8 @@ std::uint32_t OvraKbSearch(const std::string &keyword, const StrMap &searchConfi
         OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Failed to call OvraKbSearchReq.");
         return status;
     }
-    for (;;) {
-        switch (PollSearchOnce(taskHandle, results)) {
+    for (GilGuard::Turn turn = GilGuard::Turn::AT_ONCE;; turn = GilGuard::Turn::QUEUED) {
+        switch (PollSearchOnce(taskHandle, results, turn)) {
             case PollResult::FINISHED:
                 return OVRA_KB_SUCCESS;
             case PollResult::CALL_FAILED:

@@ -232,9 +232,71 @@ Finalisation::~Finalisation()
     }
 }
 
-GilGuard::GilGuard()
-    : libraryOwnsState_(OvraKbPyfuncMgr::KeepCallerThreadState()), state_(PyApi().PyGILState_Ensure())
+namespace {
+
+// Searches that wait for their task go to the interpreter lock one at a time, in the order they came: only the
+// first waits for the lock itself, the others each on a condition variable of their own. Dozens of waiting
+// searches that all poll for the interpreter lock every millisecond each ask its holder to give it up, and the
+// knowledge base's worker threads that run the long searches are then starved by them; here such a worker
+// competes with one of them at most, and passing the turn on wakes one thread, not all of them.
+class LockQueue {
+  public:
+    void Enter()
+    {
+        Waiter &self = tWaiter;
+        std::unique_lock<std::mutex> lock(mutex_);
+        self.next = nullptr;
+        self.turn = head_ == nullptr;
+        (head_ == nullptr ? head_ : tail_->next) = &self;
+        tail_ = &self;
+        self.turnCame.wait(lock, [&self] { return self.turn; });
+    }
+
+    // The first in the queue has the interpreter lock now; the next one may start waiting for it.
+    void Leave()
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        head_ = head_->next;
+        if (head_ == nullptr) {
+            tail_ = nullptr;
+            return;
+        }
+        head_->turn = true;
+        head_->turnCame.notify_one();
+    }
+
+  private:
+    struct Waiter {
+        std::condition_variable turnCame;
+        bool turn = false;
+        Waiter *next = nullptr;
+    };
+    static thread_local Waiter tWaiter;
+
+    std::mutex mutex_;
+    Waiter *head_ = nullptr;
+    Waiter *tail_ = nullptr;
+};
+
+thread_local LockQueue::Waiter LockQueue::tWaiter;
+LockQueue gLockQueue;
+
+}  // namespace
+
+GilGuard::GilGuard(Turn turn)
 {
+    HandleManager &api = PyApi();
+    // A thread that holds the interpreter lock already (a Python host's) must not queue behind threads that wait
+    // for it.
+    bool queued = turn == Turn::QUEUED && api.PyGILState_Check() != 1;
+    if (queued) {
+        gLockQueue.Enter();
+    }
+    libraryOwnsState_ = OvraKbPyfuncMgr::KeepCallerThreadState();
+    state_ = api.PyGILState_Ensure();
+    if (queued) {
+        gLockQueue.Leave();
+    }
 }
 
 GilGuard::~GilGuard()

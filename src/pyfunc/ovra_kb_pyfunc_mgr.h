@@ -109,7 +109,9 @@ class Finalisation {
 // thread's next call. A host's own thread state is left as the host's code expects it.
 class GilGuard {
   public:
-    GilGuard();
+    // QUEUED: a search that waits for its task, which takes its turn behind the other waiting searches.
+    enum class Turn { AT_ONCE, QUEUED };
+    explicit GilGuard(Turn turn = Turn::AT_ONCE);
     ~GilGuard();
     GilGuard(const GilGuard &) = delete;
     GilGuard &operator=(const GilGuard &) = delete;
