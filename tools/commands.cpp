@@ -178,6 +178,8 @@ InterruptCatcher::InterruptCatcher()
 {
     struct sigaction catcher = {};
     catcher.sa_handler = NoteInterrupt;
+    // A read or wait that the signal comes in (the library's own, the knowledge base's) goes on rather than fail.
+    catcher.sa_flags = SA_RESTART;
     sigemptyset(&catcher.sa_mask);
     sigaction(SIGINT, &catcher, &previous_);
 }
