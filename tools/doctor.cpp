@@ -232,8 +232,8 @@ void Doctor::DescribePython(const std::string &onPath, const std::string &execut
         " a second start of the interpreter in one process crashes (a CPython fault): a program that lets the "
         "library's last user finalise and then initialises again must keep one OvraKbInit outstanding instead, or "
         "use 3.12.2 or later (ovra-kb starts it once per process)";
-    const std::string why =
-        python_.named ? ", named by OVRA_KB_PYTHON" : ", the first python3 on PATH (OVRA_KB_PYTHON would choose another)";
+    const std::string why = python_.named ? ", named by OVRA_KB_PYTHON"
+                                          : ", the first python3 on PATH (OVRA_KB_PYTHON would choose another)";
     if (!IsScript(onPath)) {
         const std::string real = Resolved(onPath);
         Report(restartCrashes ? Level::kWarn : Level::kOk, "python3",
@@ -325,22 +325,66 @@ void Doctor::CheckRuntimeFile(const std::string &file)
                      " entry points (" + Join(missing, ", ") + "); " + kInstallPython);
 }
 
+// The folder of the search path that holds `module`, from the module's file.
+std::string FolderOf(const std::string &file, const std::string &module)
+{
+    std::string folder = file;
+    for (std::size_t levels = std::count(module.begin(), module.end(), '.') + 1; levels > 0; --levels) {
+        folder = DirOf(folder);
+    }
+    return folder;
+}
+
+std::string WhyThere(const std::string &folder, const std::vector<PackageFolder> &sources)
+{
+    for (const PackageFolder &source : sources) {
+        if (!source.folder.empty() && Resolved(source.folder) == Resolved(folder)) {
+            return source.why;
+        }
+    }
+    return "from python3's own module path";
+}
+
+// Where the library's interpreter will find each module, and why: the folders of OVRA_KB_PYTHONPATH, those
+// this command puts in front of PYTHONPATH, the user's PYTHONPATH, python3's own folders, and last the package
+// installed beside the library.
 void Doctor::CheckModules()
 {
+    const std::string usersPath = std::getenv("PYTHONPATH") != nullptr ? std::getenv("PYTHONPATH") : "";
     const PythonPathChoice pythonPath = ChoosePythonPath();
     ApplyPythonPath(pythonPath);
-    const std::string shownPath = "PYTHONPATH=" + (pythonPath.value.empty() ? "(empty)" : pythonPath.value);
+    std::vector<PackageFolder> sources;
+    for (const std::string &entry : SplitPath(LibrarySearchPath(""))) {
+        sources.push_back({entry, "from OVRA_KB_PYTHONPATH"});
+    }
+    for (const PackageFolder &added : pythonPath.added) {
+        sources.push_back({added.folder, "put in front of PYTHONPATH by ovra-kb: " + added.why});
+    }
+    for (const std::string &entry : SplitPath(usersPath)) {
+        sources.push_back({entry, "from PYTHONPATH"});
+    }
+    const std::string lastResort = LibraryLastResort();
+    sources.push_back({lastResort, "the package installed beside the library, which it looks in last"});
+    const std::string searched = LibrarySearchPath(pythonPath.value);
     for (const char *module : {kInterfaceModule, kLogModule}) {
         if (!havePython_) {
             Report(false, module, "not checked without a working python3; apply the python3 fix first");
             continue;
         }
-        const ShellResult imported = RunShell(py_ + " -c " + ShellQuote(std::string("import ") + module) + " 2>&1");
+        const auto importFrom = [&](const std::string &path) {
+            return RunShell("PYTHONPATH=" + ShellQuote(path) + " " + py_ + " -c " +
+                            ShellQuote(std::string("import ") + module + " as m; print(m.__file__)") + " 2>&1");
+        };
+        ShellResult imported = importFrom(searched);
+        if (imported.exitCode != 0 && IsDirectory(lastResort)) {
+            imported = importFrom(searched.empty() ? lastResort : searched + ":" + lastResort);
+        }
+        const std::string folder = FolderOf(LastLine(imported.output), module);
         Report(imported.exitCode == 0, module,
-               imported.exitCode == 0 ? "imports with " + shownPath
-                                      : "does not import with " + shownPath + " (" + LastLine(imported.output) +
-                                            "); set OVRA_KB_PYTHON_DIR to the directory that holds oxe/ "
-                                            "(or add it to PYTHONPATH)");
+               imported.exitCode == 0
+                   ? "imports from " + folder + ", " + WhyThere(folder, sources)
+                   : "does not import with the search path " + (searched.empty() ? "(empty)" : searched) + " (" +
+                         LastLine(imported.output) + "); set OVRA_KB_PYTHONPATH to the folder that holds oxe/");
     }
 }
 

@@ -64,7 +64,7 @@ const CommandInfo kCommands[] = {
      "  python3    which python3 the search path finds (and what a version-manager shim costs)\n"
      "  LDLIBRARY  and LIBDIR: the answers the library asks python3 for\n"
      "  runtime    that file exists and is a shared library exporting the 47 entry points bound\n"
-     "  modules    the knowledge-base module and its log module import with the PYTHONPATH used\n"
+     "  modules    the folder that the knowledge-base module and its log module import from, and why\n"
      "  bank       the bank directory (--bank) is writable, or its PostgreSQL server answers\n"
      "  database   the bank's database passes SQLite's quick integrity check\n"
      "  release mode  whether OVRA_KB_RELEASE_KEPT=1 has the library release what it keeps on purpose\n"
@@ -87,9 +87,10 @@ const char kCommonOptions[] =
 
 const char kPackageLookup[] =
     "The knowledge-base package (oxe.common.repository_manager) is imported by the python3 on the\n"
-    "search path. When python3 cannot import it with the PYTHONPATH given, ovra-kb puts in front of\n"
-    "PYTHONPATH, in this order: $OVRA_KB_PYTHON_DIR, <dir of ovra-kb>/../share/ovra_kb/python and,\n"
-    "when ovra-kb runs from its build tree, the source tree's python/.\n";
+    "search path, or the one that $OVRA_KB_PYTHON names, with $OVRA_KB_PYTHONPATH in front of the\n"
+    "PYTHONPATH. When that cannot import it, ovra-kb puts in front of PYTHONPATH, in this order:\n"
+    "$OVRA_KB_PYTHON_DIR, <dir of ovra-kb>/../share/ovra_kb/python and, when ovra-kb runs from its\n"
+    "build tree, the source tree's python/; the library itself looks last beside its own folder.\n";
 
 const char kExitStatuses[] =
     "Exit status: 0 success; 2 a required setting is missing; 3 Python could not be started;\n"

@@ -370,8 +370,11 @@ class CommandLineTest(CliTestCase):
         self.assertIn("demo needs a fresh bank", self.kb("demo", status=64).stderr)
 
 
+INTERFACE = "oxe.common.repository_manager.interface"
+
+
 class DoctorTest(CliTestCase):
-    CHECKS = ["python3", "LDLIBRARY", "LIBDIR", "runtime", "oxe.common.repository_manager.interface",
+    CHECKS = ["python3", "LDLIBRARY", "LIBDIR", "runtime", INTERFACE,
               "oxe.common.repository_manager.utils.repository_manager_log", "bank", "release mode"]
 
     def doctor(self, status, bank=None, **kwargs):
@@ -388,22 +391,28 @@ class DoctorTest(CliTestCase):
             # each with another OVRA_KB_RELEASE_KEPT (unset, 1, or another value)
             ("the test interpreter", TEST_PYTHON, {}, 0,
              {"python3": "^ok +python3: %s -> .*, the first python3 on PATH" % re.escape(python3),
+              INTERFACE: r"imports from .*, put in front of PYTHONPATH by ovra-kb: the source tree of ovra-kb's build$",
               "runtime": r"libpython3\.\d+\.so is a shared library exporting all 47 entry points",
               "bank": "does not exist yet", "release mode": r"^ok +release mode: off \(OVRA_KB_RELEASE_KEPT is not "
                                                             r"set\): .*set OVRA_KB_RELEASE_KEPT=1"}),
-            ("a script", "#!/bin/sh\nexec %s \"$@\"\n" % TEST_PYTHON, {"OVRA_KB_RELEASE_KEPT": "1"}, 0,
+            ("a script", "#!/bin/sh\nexec %s \"$@\"\n" % TEST_PYTHON,
+             {"OVRA_KB_RELEASE_KEPT": "1", "OVRA_KB_PYTHONPATH": STAND_IN_DIR, "PYTHONPATH": PACKAGE_DIR}, 0,
              {"python3": r"is a script \(a shim\?\) for %s \(Python 3\.[0-9.]+\), .*; it adds \d+ ms to each of the "
                          r"library's two queries \(\d+ ms against \d+ ms direct\)" % re.escape(TEST_PYTHON),
-              "release mode": r"^ok +release mode: on \(OVRA_KB_RELEASE_KEPT=1\)"}),
+              "release mode": r"^ok +release mode: on \(OVRA_KB_RELEASE_KEPT=1\)",
+              INTERFACE: "imports from %s, from OVRA_KB_PYTHONPATH$" % re.escape(STAND_IN_DIR)}),
             ("pyenv's shim", os.path.expanduser("~/.pyenv/shims/python3"), {}, None,
              {"python3": "python3: %s is pyenv's shim for .*; it adds" % python3}),
             ("CPython 3.12.1, whose second start in a process crashes", os.path.expanduser(
-                "~/.pyenv/versions/3.12.1/bin/python3"), {"OVRA_KB_RELEASE_KEPT": "yes"}, 0,
+                "~/.pyenv/versions/3.12.1/bin/python3"), {"OVRA_KB_RELEASE_KEPT": "yes", "OVRA_KB_PYTHON_DIR": STAND_IN_DIR}, 0,
              {"python3": r"^warn +python3: .*\(Python 3\.12\.1\), .*; on CPython 3\.12\.1 a second start of the "
                          r"interpreter in one process crashes",
-              "release mode": r"^warn +release mode: off: OVRA_KB_RELEASE_KEPT=yes is not 1"}),
-            ("OVRA_KB_PYTHON's, before a broken one on PATH", broken, {"OVRA_KB_PYTHON": TEST_PYTHON}, 0,
-             {"python3": "^ok +python3: %s .*, named by OVRA_KB_PYTHON$" % re.escape(TEST_PYTHON)}),
+              "release mode": r"^warn +release mode: off: OVRA_KB_RELEASE_KEPT=yes is not 1",
+              INTERFACE: "imports from %s, put in front of PYTHONPATH by ovra-kb: OVRA_KB_PYTHON_DIR$" % STAND_IN_DIR}),
+            ("OVRA_KB_PYTHON's, before a broken one on PATH", broken, {"OVRA_KB_PYTHON": TEST_PYTHON,
+                                                                        "PYTHONPATH": PACKAGE_DIR}, 0,
+             {"python3": "^ok +python3: %s .*, named by OVRA_KB_PYTHON$" % re.escape(TEST_PYTHON),
+              INTERFACE: "imports from %s, from PYTHONPATH$" % re.escape(PACKAGE_DIR)}),
             ("OVRA_KB_PYTHON's, which does not exist", TEST_PYTHON, {"OVRA_KB_PYTHON": self.tmp + "/none"}, 1,
              {"python3": "^fix +python3: OVRA_KB_PYTHON names %s/none, which is not an executable" % self.tmp}),
             ("none", None, {"PATH": self.bin}, 1,
@@ -514,6 +523,12 @@ class PackageTest(CliTestCase):
             ("OVRA_KB_PYTHON_DIR comes before the source tree", write, stand_in, 0, written),
             ("an installed command finds its package", (installed,) + write, {}, 0, written),
             ("a PYTHONPATH that imports is kept", write, dict(stand_in, PYTHONPATH=PACKAGE_DIR), 0, None),
+            ("OVRA_KB_PYTHONPATH comes before it", write, {"OVRA_KB_PYTHONPATH": STAND_IN_DIR, "PYTHONPATH": PACKAGE_DIR},
+             0, written),
+            ("OVRA_KB_PYTHON names the interpreter, whatever python3 PATH has", write,
+             {"OVRA_KB_PYTHON": TEST_PYTHON, "PATH": os.path.dirname(self.write_file(
+                 os.path.join(self.make_dir("broken"), "python3"), "#!/bin/sh\nexit 1\n", 0o755)) + ":/usr/bin:/bin"},
+             0, None),
             ("a PYTHONPATH that does not import is extended", write,
              {"PYTHONPATH": os.path.join(self.tmp, "nothing")}, 0, None),
             ("the source tree is the last resort", write, {}, 0, None),
@@ -559,7 +574,7 @@ class PackageTest(CliTestCase):
         lines = self.run_cli("doctor", "--bank", self.bank, cli=bare, status=1).stdout.splitlines()
         self.assertTrue(lines[3].startswith("ok "), lines)
         for line in lines[4:6]:
-            self.assertRegex(line, r"^fix .*does not import .*No module named 'oxe'.*set OVRA_KB_PYTHON_DIR")
+            self.assertRegex(line, r"^fix .*does not import .*No module named 'oxe'.*set OVRA_KB_PYTHONPATH")
 
 
 @unittest.skipIf(pg_support.skip_reason(), pg_support.skip_reason())
