@@ -346,9 +346,9 @@ int CheckFile(ImportFile &file, const Options &options, ImportPlan &plan)
 {
     const bool directoryBank = !IsServerUrl(BankDir(options));
     std::string_view text;
-    Record record;
     std::string error;
     while (file.NextLine(text)) {
+        Record record;  // one line's texts at a time, also after a long one
         if (gInterrupted != 0) {
             std::fprintf(stderr, "ovra-kb: interrupted while %s was checked; nothing was written\n",
                          file.Shown().c_str());
@@ -384,8 +384,8 @@ void ShowProgress(std::size_t done, std::size_t total)
 int ChangedSinceChecked(const ImportFile &file, const std::string &what, std::size_t written)
 {
     std::fprintf(stderr,
-                 "ovra-kb: %s:%zu: %s, after the file was checked; the %s before it were written (import it "
-                 "again once it is complete)\n",
+                 "ovra-kb: %s:%zu: %s, after the file was checked; the import stopped there, after %s (import "
+                 "it again once it is complete)\n",
                  file.Shown().c_str(), file.Line(), what.c_str(), Plural(written, "record").c_str());
     return kExitBadData;
 }
@@ -399,9 +399,9 @@ int WriteFile(KbSession &kb, ImportFile &file, const Options &options, const Imp
     Chip current = plan.first;
     std::size_t written = 0;
     std::string_view text;
-    Record record;
     std::string error;
     while (written < plan.records && file.NextLine(text)) {
+        Record record;
         if (IsBlank(text)) {
             continue;
         }
