@@ -14,7 +14,7 @@ constexpr int kExitBadData = 65;       // import: a line is not a record
 constexpr int kExitNoInput = 66;       // import: the file cannot be read
 constexpr int kExitCannotCreate = 73;  // export: the file cannot be written
 
-enum class Command { kNone, kWrite, kSearch, kDelete, kImport, kExport, kStats, kDemo, kDoctor };
+enum class Command { kNone, kWrite, kSearch, kDelete, kImport, kExport, kStats, kBackup, kDemo, kDoctor };
 
 struct Options {
     Command command = Command::kNone;
