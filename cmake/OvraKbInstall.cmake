@@ -10,7 +10,7 @@ set_target_properties(ovra_platform PROPERTIES EXPORT_NAME platform)
 install(TARGETS ovra_kb ovra_platform EXPORT OvraKbTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} NAMELINK_COMPONENT Development
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(FILES include/ovra_kb/ovra_kb_api.h "${PROJECT_BINARY_DIR}/include/ovra_kb/version.h"
+install(FILES include/ovra_kb/ovra_kb_api.h include/ovra_kb/ovra_kb_c.h "${PROJECT_BINARY_DIR}/include/ovra_kb/version.h"
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ovra_kb)
 install(FILES platform/include/ovra_platform/platform.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ovra_platform)
 
@@ -55,9 +55,9 @@ set(CPACK_PACKAGE_NAME "ovra-kb")
 set(CPACK_PACKAGE_VENDOR "libovra_kb developers")
 set(CPACK_PACKAGE_CONTACT "libovra_kb developers <maintainers@users.noreply.c-seed-5abd4ea0.example>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
-set(CPACK_PACKAGE_DESCRIPTION "libovra_kb.so gives native C++ programs a blocking interface (init, search,
-write, delete, finalize) to a knowledge base of operator tuning records whose
-logic is a Python package; it loads the runtime of python3 at run time.
+set(CPACK_PACKAGE_DESCRIPTION "libovra_kb.so gives native C and C++ programs a blocking interface (init,
+search, write, delete, finalize) to a knowledge base of operator tuning records
+whose logic is a Python package; it loads the runtime of python3 at run time.
 The package also holds the default platform library, the headers with the
 CMake and pkg-config packages, the ovra-kb command and the reference
 knowledge-base package.")

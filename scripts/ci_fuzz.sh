@@ -24,7 +24,7 @@ export UBSAN_OPTIONS="halt_on_error=1:abort_on_error=1:print_stacktrace=1$symbol
 started=$SECONDS
 # The tests directory is configured with one interpreter only: the fuzz targets need none.
 cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
-  -DOVRA_KB_BUILD_TESTS=ON -DOVRA_KB_BUILD_FUZZ=ON -DOVRA_KB_TEST_PYTHONS="default=$(command -v python3)"
+  -DCMAKE_C_COMPILER=clang -DOVRA_KB_BUILD_TESTS=ON -DOVRA_KB_BUILD_FUZZ=ON -DOVRA_KB_TEST_PYTHONS="default=$(command -v python3)"
 cmake --build "$build" --target fuzz_targets -j "$jobs"
 say "build took $((SECONDS - started)) s"
 

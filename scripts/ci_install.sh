@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Installs the built project into a scratch prefix, builds and runs the three example consumers
-# against that installed tree, checks the CMake package's version rule and a pkg-config file in a
-# Debian-style library directory (from a build without tests), then builds the Debian package,
-# checks what it holds, unpacks it into a scratch root and runs `ovra-kb demo` from there.
+# and runs the ctypes example against that installed tree, checks the CMake package's version rule
+# and a pkg-config file in a Debian-style library directory (from a build without tests), then
+# builds the Debian package, checks what it holds, unpacks it into a scratch root and runs
+# `ovra-kb demo` from there.
 #   ci_install.sh BUILD_DIR
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
@@ -37,6 +38,12 @@ echo "== consumer through pkg-config"
 PKG_CONFIG_PATH="$stage/lib/pkgconfig" sh "$root/examples/pkg-config/build.sh" "$work/pkg_config_consumer"
 LD_LIBRARY_PATH="$stage/lib" "$work/pkg_config_consumer" "$work/bank-pkg-config"
 
+echo "== C program through pkg-config: the C interface's test, built as C99 against the installed header"
+# shellcheck disable=SC2046
+${CC:-cc} -std=c99 -Wall -Wextra -Werror "$root/tests/test_c_api.c" -o "$work/c_consumer" \
+  $(PKG_CONFIG_PATH="$stage/lib/pkgconfig" pkg-config --cflags --libs ovra_kb)
+LD_LIBRARY_PATH="$stage/lib" "$work/c_consumer"
+
 echo "== a build without tests, installed with a Debian-style library directory"
 cmake -S "$root" -B "$work/light" -G Ninja -DCMAKE_BUILD_TYPE=Release -DOVRA_KB_BUILD_TESTS=OFF \
   -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_LIBDIR=lib/x86_64-linux-gnu >"$work/light.log"
@@ -55,6 +62,11 @@ echo "== consumer through dlopen"
 cmake -S "$root/examples/dlopen" -B "$work/dlopen" -G Ninja -DCMAKE_PREFIX_PATH="$stage" >/dev/null
 cmake --build "$work/dlopen" >/dev/null
 "$work/dlopen/dlopen_consumer" "$stage/lib/libovra_kb.so.0" "$work/bank-dlopen"
+
+echo "== Python host through ctypes and the C interface"
+# Without PYTHONPATH: the example takes the package installed beside the library.
+env -u PYTHONPATH python3 "$root/examples/ctypes/kb_ctypes.py" "$stage/lib/libovra_kb.so.0" "$work/bank-ctypes"
+[ -f "$stage/include/ovra_kb/ovra_kb_c.h" ] || fail "the C header is not installed"
 
 echo "== Debian package"
 (cd "$build" && cpack -G DEB -B "$work/package" >/dev/null)

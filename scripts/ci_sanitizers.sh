@@ -21,7 +21,7 @@ tsan_build="${OVRA_KB_TSAN_BUILD_DIR:-$root/build-tsan}"
 jobs="$(nproc)"
 sanitizers="$root/scripts/sanitizers"
 # Tests whose interpreter loads the instrumented library into its own process.
-host_tests='\.HostInterpreter$'
+host_tests='\.HostInterpreter$|^example\.ctypes$'
 
 say() { echo "ci_sanitizers: $*"; }
 
@@ -50,7 +50,7 @@ export PYTHONMALLOC=malloc
 configure() {
   local dir="$1" sanitizer="$2"
   cmake -S "$root" -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
-    -DOVRA_KB_BUILD_TESTS=ON -DOVRA_KB_SANITIZE="$sanitizer" \
+    -DCMAKE_C_COMPILER=clang -DOVRA_KB_BUILD_TESTS=ON -DOVRA_KB_SANITIZE="$sanitizer" \
     -DOVRA_KB_TEST_PYTHONS="$label=$python" -DOVRA_KB_DEFAULT_TEST_PYTHON="$python" \
     -DCMAKE_PROJECT_INCLUDE="$sanitizers/sanitizer_build.cmake" \
     "-DOVRA_KB_SANITIZER_OPTIONS=ASAN_OPTIONS=$ASAN_OPTIONS;LSAN_OPTIONS=$LSAN_OPTIONS;UBSAN_OPTIONS=$UBSAN_OPTIONS;TSAN_OPTIONS=$TSAN_OPTIONS"

@@ -1,5 +1,6 @@
 #!/bin/sh
-# Checks the built library's linkage: five plain exported names, the platform functions left
+# Checks the built library's linkage: five plain exported names and those of the C interface
+# (every function that include/ovra_kb/ovra_kb_c.h declares), the platform functions left
 # to the platform library, no Python library needed and no Python headers used.
 #   check_library.sh LIBRARY COMPILE_COMMANDS_JSON LIBRARY_SOURCE_DIR
 set -u
@@ -10,8 +11,9 @@ status=0
 fail() { echo "FAIL: $*"; status=1; }
 
 plain=$(nm -D --defined-only "$lib" | awk '$2 == "T" || $2 == "W" { print $3 }' | grep -v '^_Z' | sort | tr '\n' ' ')
-[ "$plain" = "OvraKbDelete OvraKbFinalize OvraKbInit OvraKbSearch OvraKbWrite " ] ||
-    fail "unmangled exported functions are [$plain]"
+c_api=$(grep -o 'OvraKbC[A-Za-z]*(' "$sources/../include/ovra_kb/ovra_kb_c.h" | tr -d '(')
+expected=$(printf '%s\n' OvraKbDelete OvraKbFinalize OvraKbInit OvraKbSearch OvraKbWrite "$c_api" | sort | tr '\n' ' ')
+[ "$plain" = "$expected" ] || fail "unmangled exported functions are [$plain], not [$expected]"
 
 undefined=$(nm -D --undefined-only "$lib" | c++filt)
 for symbol in CheckLogLevel DlogInner mmGetTid 'ErrorManager::GetInstance()' 'ErrorManager::ReportErrMessage('; do

@@ -17,8 +17,7 @@ const std::string RAISE = "fail(RuntimeError({'errCode': 'E_MOD', 'why': 'disk f
 const std::string SEARCH_REQUEST_FAILED = "Failed to call OvraKbSearchReq.";
 const std::string TEAR_DOWN = "OvraKbPyfuncMgr: PyObjectDeinit function end successfully!";
 
-// Runs `work` on a thread of its own: a new thread has a fresh Python thread state, so an
-// error that one call leaves pending does not reach the next case.
+// Runs `work` on a native thread of its own, which keeps a Python thread state for its calls.
 std::uint32_t OnNewThread(const std::function<std::uint32_t()> &work)
 {
     std::uint32_t status = 0;
@@ -231,6 +230,42 @@ TEST_F(Api, EveryCaseGivesItsStatusLinesAndReportsAndTheSameStatusWithLoggingOff
                 EXPECT_TRUE(scripted_.CallsOf("ovra_kb_search_get").empty()) << "a refused request is never polled";
             }
         }
+    }
+}
+
+// ---- Nothing a call leaves behind reaches the next call ----
+
+// Calls that fail after Python set an error that nothing takes back: a value that is not UTF-8 for each
+// builder, and answers that the library cannot read. The same thread's next calls must not see it.
+TEST_F(Api, AnErrorThatACallLeavesPendingNeverReachesTheThreadsNextCalls)
+{
+    const StrMap notUtf8 = {{"op_type", "\xff"}};
+    const std::vector<StatusCase> leavers = {
+        {Op::INIT, "", 4, {}, {{"soc_version", "soc-a1"}, {"core_num", "\xff"}}},
+        {Op::WRITE, "", 4, {}, SYS, LOAD, notUtf8},
+        {Op::DELETE, "", 4, {}, SYS, LOAD, notUtf8},
+        {Op::SEARCH, "", 4, {}, SYS, LOAD, {{"op_type", "Add"}, {"search_type", "\xc3"}}},
+        {Op::WRITE, Script("ovra_kb_write", "None"), 6, {}},
+        {Op::SEARCH, Script("ovra_kb_search_async", "5"), 6, {}},
+    };
+    auto leaveThenCallWell = [this](const StatusCase &leaver) {
+        scripted_.SetScript(leaver.script.empty() ? "{}" : leaver.script);
+        Rows rows;
+        std::vector<std::uint32_t> statuses = {RunCase(leaver)};
+        scripted_.SetScript("{}");
+        statuses.push_back(OvraKbWrite("kw", "text", OP, true));
+        statuses.push_back(OvraKbDelete("kw", OP, false));
+        statuses.push_back(OvraKbSearch("kw", OP, rows));
+        return statuses;
+    };
+    ASSERT_EQ(OvraKbInit(SYS, LOAD), 0U);
+    for (const StatusCase &leaver : leavers) {
+        SCOPED_TRACE(Of(leaver.op).name + " " + leaver.script);
+        const std::vector<std::uint32_t> expected = {leaver.status, 0, 0, 0};
+        EXPECT_EQ(leaveThenCallWell(leaver), expected) << "on the initialising thread";
+        std::vector<std::uint32_t> onNative;
+        std::thread([&] { onNative = leaveThenCallWell(leaver); }).join();
+        EXPECT_EQ(onNative, expected) << "on a native thread";
     }
 }
 

@@ -3,12 +3,15 @@
 // and upload dictionary of each captured exception, with the exception itself). N operations of each
 // kind leave exactly those behind, and nothing else grows with N. (The reference kept on None by each
 // search without a search type is counted in test_python_side: here the interpreter's own use blurs it.)
+// On the reference package, what those references hold stays small, and release mode keeps nothing.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <sstream>
 
 #include "ovra_kb/ovra_kb_api.h"
+#include "pyfunc/ovra_kb_pyfunc_mgr.h"
+#include "runtime/handle_manager.h"
 #include "test_env.h"
 
 using namespace OvraTest;
@@ -111,5 +114,78 @@ TEST_F(Memory, OperationsKeepOnlyWhatTheyKeepOnPurposeAndNothingGrowsBeyond)
     }
     EXPECT_EQ(kept, expected + std::string(3 * N, '1'));
 }
+
+// ---- The reference package: bytes kept per call ----
+
+// Evaluates a Python expression in the library's interpreter, on this thread; its value as an integer.
+long long PythonInteger(const std::string &expression)
+{
+    OvraKb::HandleManager &api = OvraKb::PyApi();
+    OvraKb::GilGuard gil;
+    OvraKb::PyObjectPtr builtins(api.PyImport_ImportModule("builtins"));
+    OvraKb::PyObjectPtr value(api.PyObject_CallMethod(builtins.get(), "eval", "s{}", expression.c_str()));
+    long long out = -1;
+    if (value.get() == nullptr || api.PyArg_Parse(value.get(), "L", &out) == 0) {
+        api.PyErr_Print();
+    }
+    return out;
+}
+
+// Most bytes of Python memory that one call of each outcome may leave behind.
+struct KeptGoals {
+    const char *mode;
+    bool release;
+    long failedConversion;
+    long write;
+    long refusal;
+};
+
+class KeptBytes : public ::testing::TestWithParam<KeptGoals> {};
+
+TEST_P(KeptBytes, PerCallStayWithinTheGoalsOfTheMode)
+{
+    const KeptGoals &goals = GetParam();
+    TempDir bank;
+    UseReferencePackage();
+    setenv("OVRA_KB_RELEASE_KEPT", goals.release ? "1" : "0", 1);
+    ASSERT_EQ(OvraKbInit(SYS, {{"op_bank_path", bank.Path()}}), 0U);
+    const StrMap notUtf8 = {{"op_type", "\xff"}};
+    const StrMap refused = {{"op_type", "*"}};  // every op type: a value only a search may ask for
+    int serial = 0;
+    struct Batch {
+        const char *outcome;
+        int calls;
+        std::uint32_t status;
+        const StrMap *config;
+        long goal;
+    };
+    const Batch batches[] = {{"failed conversion", 20000, 4, &notUtf8, goals.failedConversion},
+                             {"successful write", 20000, 0, &OP, goals.write},
+                             {"refused write", 5000, 6, &refused, goals.refusal}};
+    auto run = [&](const Batch &batch, int calls) {
+        for (int i = 0; i < calls; ++i) {
+            ASSERT_EQ(OvraKbWrite("k" + std::to_string(serial++), "tile 128x128", *batch.config, false), batch.status);
+        }
+    };
+    const char *const traced = "__import__('gc').collect() * 0 + __import__('tracemalloc').get_traced_memory()[0]";
+    ASSERT_EQ(PythonInteger("__import__('tracemalloc').start() or 0"), 0);
+    for (const Batch &batch : batches) {
+        run(batch, 200);  // first-use caches of the interpreter and the package
+        const long long before = PythonInteger(traced);
+        run(batch, batch.calls);
+        // Half a byte a call is the interpreter's own caches settling; a kept object is sixteen bytes or more.
+        const double perCall = double(PythonInteger(traced) - before) / batch.calls;
+        EXPECT_LE(perCall, batch.goal + 0.5) << batch.outcome << " in " << goals.mode << " mode";
+        RecordProperty(std::string(batch.outcome) + " bytes", std::to_string(perCall));
+    }
+    EXPECT_EQ(OvraKbFinalize(), 0U);
+}
+
+// A refusal keeps its exception, traceback and formatted lines: about 1.1 KB of CPython's own objects, made as
+// small as the package can make them (an empty dictionary is 64 bytes). Release mode keeps nothing.
+INSTANTIATE_TEST_SUITE_P(Modes, KeptBytes,
+                         ::testing::Values(KeptGoals{"default", false, 0, 80, 1152},
+                                           KeptGoals{"release", true, 0, 32, 32}),
+                         [](const ::testing::TestParamInfo<KeptGoals> &info) { return info.param.mode; });
 
 }  // namespace

@@ -231,9 +231,10 @@ void CountSignal(int)
 TEST_F(Threads, ASignalEvery200MicrosecondsNeitherBreaksNorShortensTheWaits)
 {
     ASSERT_EQ(OvraKbInit(SYS, LOAD), 0U);
-    // Each poll notes when it came.
-    scripted_.SetScript(
-        Script("ovra_kb_search_get", "note(time.monotonic(), finish_after_ms(args[0], 30, (True, [{'k': 'v'}])))"));
+    // Each poll notes when it came; the task finishes once the test has seen enough signals arrive.
+    const std::string finished = dir_.File("finished");
+    scripted_.SetScript(Script("ovra_kb_search_get", "note(time.monotonic(), (True, [{'k': 'v'}]) if os.path.exists('" +
+                                                         finished + "') else (False, []))"));
     struct sigaction action = {};
     action.sa_handler = CountSignal;  // no SA_RESTART: every wait is interrupted
     ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
@@ -246,14 +247,16 @@ TEST_F(Threads, ASignalEvery200MicrosecondsNeitherBreaksNorShortensTheWaits)
     while (!done) {
         pthread_kill(searcher.native_handle(), SIGUSR1);
         std::this_thread::sleep_for(std::chrono::microseconds(200));
+        if (g_signals > 40 && scripted_.Notes().size() >= 2) {
+            WriteFile(finished, "");
+        }
     }
     searcher.join();
     EXPECT_EQ(rows, (Rows{{{"already", "here"}}, {{"k", "v"}}}));
-    EXPECT_GT(g_signals.load(), 20) << "the waits must actually have been interrupted";
     // Each wait sleeps its full millisecond despite the signals, however busy the machine: a wait cut
     // short by a signal shows as two polls less than a millisecond apart.
     const Strings polls = scripted_.Notes();
-    ASSERT_GE(polls.size(), 2U) << "a busy machine may stall a poll long enough for a second one to finish";
+    ASSERT_GE(polls.size(), 3U);
     EXPECT_EQ(scripted_.CallsOf("ovra_kb_search_get"), Strings(polls.size(), "ovra_kb_search_get('task-1')"));
     for (size_t i = 1; i < polls.size(); ++i) {
         const double gap = std::stod(polls[i]) - std::stod(polls[i - 1]);
@@ -261,6 +264,89 @@ TEST_F(Threads, ASignalEvery200MicrosecondsNeitherBreaksNorShortensTheWaits)
         EXPECT_LT(gap, 0.5) << "poll " << i << " came much later than a millisecond";
     }
     EXPECT_EQ(OvraKbFinalize(), 0U);
+}
+
+// ---- Threads that are cancelled, and finalisations while others call ----
+
+// Searches until it is cancelled, counting the searches it started and those that gave their row.
+struct Searches {
+    std::atomic<int> started{0};
+    std::atomic<int> finished{0};
+};
+
+void *SearchUntilCancelled(void *counts)
+{
+    Searches &searches = *static_cast<Searches *>(counts);
+    for (;;) {
+        Rows rows;
+        ++searches.started;
+        if (OvraKbSearch("kw", OP, rows) == 0 && rows.size() == 1) {
+            ++searches.finished;
+        }
+        pthread_testcancel();
+    }
+}
+
+// The search in flight when the request comes finishes with its row; the thread ends at its next cancellation point.
+TEST_F(Threads, AThreadCancelledInsideASearchEndsAfterItAndTheOthersGoOn)
+{
+    ASSERT_EQ(OvraKbInit(SYS, LOAD), 0U);
+    scripted_.SetScript(Script("ovra_kb_search_get", "finish_after_ms(args[0], 40, (True, [{'k': 'v'}]))"));
+    for (int round = 0; round < 3; ++round) {
+        Searches searches;
+        pthread_t searcher;
+        ASSERT_EQ(pthread_create(&searcher, nullptr, SearchUntilCancelled, &searches), 0);
+        while (searches.started < 2) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));  // inside the second search's waits
+        ASSERT_EQ(pthread_cancel(searcher), 0);
+        void *result = nullptr;
+        ASSERT_EQ(pthread_join(searcher, &result), 0);
+        EXPECT_EQ(result, PTHREAD_CANCELED) << "round " << round;
+        EXPECT_EQ(searches.finished.load(), searches.started.load()) << "round " << round;
+    }
+    Rows rows;
+    EXPECT_EQ(OvraKbWrite("kw", "text", OP, false), 0U);
+    EXPECT_EQ(OvraKbSearch("kw", OP, rows), 0U);
+    EXPECT_EQ(rows, (Rows{{{"k", "v"}}}));
+    EXPECT_EQ(OvraKbDelete("kw", OP, false), 0U);
+    EXPECT_EQ(OvraKbFinalize(), 0U);
+}
+
+// The last finalisation waits for the calls in flight; a call that comes later returns 3, never a crash.
+TEST_F(Threads, AFinalisationWhileEightThreadsCallLetsEachCallEndWithZeroOrThree)
+{
+    constexpr int CALLERS = 8;
+    for (int round = 0; round < 3; ++round) {
+        ASSERT_EQ(OvraKbInit(SYS, LOAD), 0U);
+        std::atomic<int> calls{0};
+        std::atomic<int> others{0};
+        std::vector<std::thread> callers;
+        for (int t = 0; t < CALLERS; ++t) {
+            callers.emplace_back([&, t] {
+                const StrMap config = {{"op_type", "Op" + std::to_string(t)}};
+                for (int refusals = 0; refusals < 3;) {
+                    Rows rows;
+                    for (std::uint32_t status : {OvraKbWrite("kw", "text", config, false),
+                                                 OvraKbSearch("kw", config, rows), OvraKbDelete("kw", config, false)}) {
+                        refusals += status == 3 ? 1 : 0;
+                        others += status == 0 || status == 3 ? 0 : 1;
+                        ++calls;
+                    }
+                }
+            });
+        }
+        while (calls < 10 * CALLERS) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        EXPECT_EQ(OvraKbFinalize(), 0U) << "round " << round;
+        for (std::thread &caller : callers) {
+            caller.join();
+        }
+        EXPECT_EQ(others.load(), 0) << "round " << round;
+    }
+    EXPECT_EQ(CountEvents("OvraKbPyfuncMgr: PyObjectDeinit function end successfully!"), 3);
 }
 
 using Dispositions = std::vector<std::uintptr_t>;

@@ -22,6 +22,18 @@
  * handler and ignore the other two), and keeps them again across the interpreter's
  * finalisation. A host that runs its own interpreter keeps whatever it set up.
  *
+ * Nothing a call leaves behind changes a later call: a Python error left pending by a refused
+ * call is discarded when the call gives back a thread state this library owns (a native
+ * thread's, or the initialising thread's when the library started the interpreter). On a thread
+ * state that a Python host owns, the error is left pending for the host's own code to handle.
+ *
+ * Memory: by default the library keeps a few Python references for the life of the process on
+ * every call (the argument dictionaries of init, write and delete, the completion flags of
+ * searches, the exception and error details of every failure), as knowledge-base packages may
+ * expect. With OVRA_KB_RELEASE_KEPT=1 in the environment when the library brings the Python
+ * side up (the first OvraKbInit, or the first after the last OvraKbFinalize), it releases each
+ * of them as soon as it is done with it, and memory stays flat in a process that runs for months.
+ *
  * Every function returns a status (see the OVRA_KB_* constants below); failures are also
  * written to the platform log with the Python traceback when Python raised.
  */

@@ -80,7 +80,7 @@ class PostgresBankTest(ServerTestCase, BankContract):
     def test_a_table_of_someone_else_is_refused(self):
         self.schema.execute("CREATE TABLE ovra_kb_records (id int)")
         with self.assertKbError(errors.BANK_PATH_UNUSABLE, self.secret):
-            interface.ovra_kb_init(SYS, {"op_bank_path": self.location})
+            interface.ovra_kb_init(dict(SYS), {"op_bank_path": self.location})
         self.assertEqual(self.schema.execute("SELECT to_regclass('ovra_kb_meta')::text"), [(None,)])
 
     def test_the_flag_chooses_the_commit_kind_fast_writes_are_seen_at_once_and_close_flushes_only_them(self):
@@ -107,8 +107,8 @@ class PostgresBankTest(ServerTestCase, BankContract):
         for keyword, knowledge in (("k\x00", "v"), ("k", "v\x00"), ("\ud800", "v"), ("k", "\udfff"), (long_key, "v")):
             with self.subTest(keyword=keyword[:8], knowledge=knowledge):
                 with self.assertKbError(errors.INVALID_ARGUMENT, self.secret):
-                    interface.ovra_kb_write(keyword, knowledge, ADD, 1)
-        interface.ovra_kb_write("k", "still works", ADD, 1)
+                    interface.ovra_kb_write(keyword, knowledge, dict(ADD), 1)
+        interface.ovra_kb_write("k", "still works", dict(ADD), 1)
         for keyword, search_type, found in (("k\x00", None, []), ("k\x00", "prefix", []), (long_key, None, []),
                                             ("k", None, ["still works"])):
             self.assertEqual([r["knowledge"] for r in search(keyword, "Add", search_type)], found)
@@ -126,13 +126,13 @@ class PostgresBankTest(ServerTestCase, BankContract):
                                                     "tcp_user_timeout", "keepalives_count")],
                          ["3", "farm-7", "45", "5000", "3"])
         with self.assertKbError(errors.BANK_PATH_UNUSABLE, self.secret) as caught:
-            interface.ovra_kb_init(SYS, {"op_bank_path": pg_support.with_query(self.location, colour="blue")})
+            interface.ovra_kb_init(dict(SYS), {"op_bank_path": pg_support.with_query(self.location, colour="blue")})
         self.assertIn("colour", error_info(caught.exception)["message"])
 
 
     def test_a_backup_is_left_to_the_servers_tools_and_the_error_names_the_command(self):
         self.init()
-        interface.ovra_kb_write("kept", "v", ADD, 1)
+        interface.ovra_kb_write("kept", "v", dict(ADD), 1)
         copy = os.path.join(self.tmp, "copy")
         with self.assertKbError(errors.NOT_SUPPORTED_BY_BANK, self.secret) as caught:
             wait_for(interface.ovra_kb_search_async(copy, {"op_type": "*", "search_type": "backup"}))
@@ -218,20 +218,21 @@ class ConnectionTest(ServerTestCase):
         self.init()
         server = pg_support.psycopg.conninfo.conninfo_to_dict(pg_support.URL)
         for number in range(300):
-            interface.ovra_kb_write("r%03d" % number, "v", ADD, 1)
+            interface.ovra_kb_write("r%03d" % number, "v", dict(ADD), 1)
         pg_ctl("stop", "-m", "immediate")  # no shutdown checkpoint: the server recovers from its write-ahead log
         try:
-            for call, outcome in ((lambda: interface.ovra_kb_write("k", "v", ADD, 1), "may or may not have been stored"),
-                                  (lambda: interface.ovra_kb_search_async("k", {"op_type": "Add"}), "was not done"),
-                                  (lambda: wait_for(interface.ovra_kb_search_async(
-                                      "", {"op_type": "*", "search_type": "all"})), "was not done")):
+            for call, outcome in (
+                    (lambda: interface.ovra_kb_write("k", "v", dict(ADD), 1), "may or may not have been stored"),
+                    (lambda: interface.ovra_kb_search_async("k", {"op_type": "Add"}), "was not done"),
+                    (lambda: wait_for(interface.ovra_kb_search_async("", {"op_type": "*", "search_type": "all"})),
+                     "was not done")):
                 with self.assertKbError(errors.CONNECTION_LOST, self.secret) as caught:
                     call()
                 self.assertIn("%(host)s:%(port)s" % server, error_info(caught.exception)["message"])
                 self.assertIn(outcome, error_info(caught.exception)["message"])
         finally:
             pg_ctl("start")
-        interface.ovra_kb_write("k", "v", ADD, 1)  # the same session finds the server again
+        interface.ovra_kb_write("k", "v", dict(ADD), 1)  # the same session finds the server again
         self.assertEqual(keywords(search("", "Add", "all")), ["k"] + ["r%03d" % n for n in range(300)])
         self.assertEqual(interface.ovra_kb_finalize(), 0)
 
@@ -256,7 +257,7 @@ class TlsTest(ServerTestCase):
             with self.subTest(url=url):
                 if reason:
                     with self.assertKbError(errors.CANNOT_CONNECT, self.secret) as caught:
-                        interface.ovra_kb_init(SYS, {"op_bank_path": url})
+                        interface.ovra_kb_init(dict(SYS), {"op_bank_path": url})
                     self.assertIn(reason, error_info(caught.exception)["message"])
                     self.assertIn("sslmode", error_info(caught.exception)["message"])
                     continue

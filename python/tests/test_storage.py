@@ -79,7 +79,7 @@ class BankContract(object):
         self.open().close()
         self.set_schema_version(2)
         with self.assertKbError(errors.SCHEMA_TOO_NEW, self.secret) as caught:
-            interface.ovra_kb_init(SYS, {"op_bank_path": self.location})
+            interface.ovra_kb_init(dict(SYS), {"op_bank_path": self.location})
         self.assertIn("version 2", error_info(caught.exception)["message"])
 
 
@@ -121,11 +121,11 @@ class SqliteBankTest(BankContract, KbTestCase):
 import sys, time
 from oxe.common.repository_manager import interface as kb
 from tests.support import ADD, SYS
-kb.ovra_kb_init(SYS, {"op_bank_path": sys.argv[1]})
-kb.ovra_kb_write("fast", "flag0", ADD, 0)
-kb.ovra_kb_write("safe", "flag1", ADD, 1)
-kb.ovra_kb_write("gone", "x", ADD, 0)
-kb.ovra_kb_delete("gone", ADD, 0)
+kb.ovra_kb_init(dict(SYS), {"op_bank_path": sys.argv[1]})
+kb.ovra_kb_write("fast", "flag0", dict(ADD), 0)
+kb.ovra_kb_write("safe", "flag1", dict(ADD), 1)
+kb.ovra_kb_write("gone", "x", dict(ADD), 0)
+kb.ovra_kb_delete("gone", dict(ADD), 0)
 print(sorted(m for m in sys.modules if "psycopg" in m or m.endswith("postgres_backend")), flush=True)
 time.sleep(120)
 """, self.bank], env=dict(os.environ, PYTHONPATH=PACKAGE_ROOT), stdout=subprocess.PIPE, universal_newlines=True)
@@ -187,14 +187,14 @@ time.sleep(120)
                 shutil.rmtree(self.bank, True)
                 shutil.rmtree(other, True)
                 self.init()
-                interface.ovra_kb_write("old", "v", ADD, 0)
+                interface.ovra_kb_write("old", "v", dict(ADD), 0)
                 harm()
-                for call in (lambda: interface.ovra_kb_write("k", "v", ADD, 1), lambda: search("old", "Add")):
+                for call in (lambda: interface.ovra_kb_write("k", "v", dict(ADD), 1), lambda: search("old", "Add")):
                     with self.assertKbError(errors.BANK_PATH_UNUSABLE) as caught:
                         call()
                     self.assertIn("removed or replaced", caught.exception.args[0]["message"])
                 self.init()  # a second user, or the same one again: the bank is opened anew
-                interface.ovra_kb_write("new", "v", ADD, 1)
+                interface.ovra_kb_write("new", "v", dict(ADD), 1)
                 for _ in range(2):
                     interface.ovra_kb_finalize()
                 self.init()

@@ -16,25 +16,6 @@ PyObject *KbModule()
     return Singleton<OvraKbPyfuncMgr>::Instance().GetOvraKbInterface().get();
 }
 
-// Holds the interpreter lock for the life of the object, from any thread. The thread keeps its Python
-// thread state between calls, so the lock functions only restore and park it.
-class GilGuard {
-  public:
-    GilGuard() : state_(EnsureWithKeptThreadState()) {}
-    ~GilGuard() { PyApi().PyGILState_Release(state_); }
-    GilGuard(const GilGuard &) = delete;
-    GilGuard &operator=(const GilGuard &) = delete;
-
-  private:
-    static PyGILState_STATE EnsureWithKeptThreadState()
-    {
-        OvraKbPyfuncMgr::KeepCallerThreadState();
-        return PyApi().PyGILState_Ensure();
-    }
-
-    PyGILState_STATE state_;
-};
-
 bool HasKeys(const StrMap &map, std::initializer_list<const char *> keys)
 {
     for (const char *key : keys) {
@@ -87,6 +68,10 @@ PyObjectPtr CaptureAndReportException()
     (void)PyWrapper::GetPyException(fetched.type, fetched.value, fetched.traceback);
     PyObjectPtr exc(nullptr, fetched.type, fetched.value, fetched.traceback);
     PyErrMessageReport(exc);
+    if (PyWrapper::ReleasesKept()) {
+        PyWrapper::DropKept(fetched);
+        return PyObjectPtr();
+    }
     return exc;
 }
 
@@ -124,6 +109,22 @@ bool PythonSideIsUp()
     return api.IsInited() && api.Py_IsInitialized() != 0;
 }
 
+void LogSearchNotInitialised()
+{
+    OVRA_KB_LOG(OVRA_LEVEL_ERROR, "OvraKbSearch: the knowledge base is not initialised, call OvraKbInit first.");
+}
+
+// What the request answers a search that a finalisation keeps out: the configuration first, then 3.
+std::uint32_t RefuseSearchRequest(const StrMap &searchConfigMap)
+{
+    std::uint32_t status = CheckSearchConfigMap(searchConfigMap);
+    if (status != OVRA_KB_SUCCESS) {
+        return status;
+    }
+    LogSearchNotInitialised();
+    return OVRA_KB_PYTHON_UNAVAILABLE;
+}
+
 // The failure lines of one change operation, each written with its own literal format.
 struct ChangeMessages {
     void (*dictNotCreated)();
@@ -153,7 +154,8 @@ std::uint32_t RunChange(const ChangeMessages &messages, const StrMap &writeConfi
     if (status != OVRA_KB_SUCCESS) {
         return status;
     }
-    if (!PythonSideIsUp()) {
+    CallGate::Call call;
+    if (!call.Admitted() || !PythonSideIsUp()) {
         messages.notInitialised();
         return OVRA_KB_PYTHON_UNAVAILABLE;
     }
@@ -167,11 +169,12 @@ std::uint32_t RunChange(const ChangeMessages &messages, const StrMap &writeConfi
         PyWrapper::PyObjectDecRefAll({dict});
         return OVRA_KB_VALUE_CONVERSION_FAILED;
     }
-    // The filled dictionary is kept for the life of the process, on purpose.
     PyObject *module = KbModule();
     // Built once, from the reply or empty: an empty holder assigned afterwards would allocate a second
     // control block on every call.
     PyObjectPtr reply = module != nullptr ? HoldReply(callModule(module, dict)) : PyObjectPtr();
+    // The filled dictionary is kept for the life of the process, on purpose.
+    PyWrapper::DropKept(dict);
     if (reply.get() == nullptr || !ParsesAsZero(reply)) {
         messages.callFailed();
         return OVRA_KB_PYTHON_CALL_FAILED;
@@ -179,13 +182,19 @@ std::uint32_t RunChange(const ChangeMessages &messages, const StrMap &writeConfi
     return OVRA_KB_SUCCESS;
 }
 
-enum class PollResult { NOT_FINISHED, FINISHED, CALL_FAILED, FLAG_FAILED };
+enum class PollResult { NOT_FINISHED, FINISHED, CALL_FAILED, FLAG_FAILED, FINALISED };
 
-// One cycle of the search: asks the module once, under the lock, whether the task finished.
-PollResult PollSearchOnce(PyObjectPtr &taskHandle, std::vector<StrMap> &results)
+// One cycle of the search: asks the module once, under the lock, whether the task finished. The first poll
+// takes the lock at once; later ones, of a search that is waiting, take their turn behind the others.
+PollResult PollSearchOnce(PyObjectPtr &taskHandle, std::vector<StrMap> &results, GilGuard::Turn turn)
 {
     HandleManager &api = PyApi();
-    GilGuard gil;
+    GilGuard gil(turn);
+    if (CallGate::Closing()) {
+        taskHandle = PyObjectPtr();
+        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "OvraKbSearch: the knowledge base is being finalised, the search ends unfinished.");
+        return PollResult::FINALISED;
+    }
     PyObject *module = KbModule();
     // Built once, as in RunChange: one control block per poll, not two.
     PyObjectPtr reply = module != nullptr
@@ -200,6 +209,7 @@ PollResult PollSearchOnce(PyObjectPtr &taskHandle, std::vector<StrMap> &results)
     // One reference on the flag object is kept on purpose for every cycle.
     RefCount(finished) += 1;
     int truth = api.PyObject_IsTrue(finished);
+    PyWrapper::DropKept(finished);
     if (truth == 1) {
         PyWrapper::PylistToVec(api.PyTuple_GetItem(reply.get(), 1), results);
         taskHandle = PyObjectPtr();
@@ -293,6 +303,9 @@ std::uint32_t GetParamsFromSearchConfig(const StrMap &searchConfigMap, PyObject 
     (void)api.PyDict_SetItemString(dict, "return_type", returnType);
     (void)api.PyDict_SetItemString(dict, "search_type", searchType);
     PyWrapper::PyObjectDecRefAll(std::move(values));
+    if (searchType == api._Py_NoneStruct) {
+        PyWrapper::DropKept(searchType);
+    }
     return OVRA_KB_SUCCESS;
 }
 
@@ -303,7 +316,7 @@ std::uint32_t OvraKbSearchReq(const std::string &keyword, const StrMap &searchCo
         return status;
     }
     if (!PythonSideIsUp()) {
-        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "OvraKbSearch: the knowledge base is not initialised, call OvraKbInit first.");
+        LogSearchNotInitialised();
         return OVRA_KB_PYTHON_UNAVAILABLE;
     }
     HandleManager &api = PyApi();
@@ -382,13 +395,14 @@ std::uint32_t OvraKbInit(const StrMap &sysConfigMap, const StrMap &loadConfigMap
         PyWrapper::PyObjectDecRefAll({loadDict});
         return OVRA_KB_VALUE_CONVERSION_FAILED;
     }
-    // From here on both dictionaries are kept for the life of the process, on purpose.
     PyObject *module = KbModule();
-    if (module == nullptr) {
-        OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Failed to call ovra_kb_init.");
-        return OVRA_KB_PYTHON_CALL_FAILED;
-    }
-    PyObjectPtr reply = HoldReply(api.PyObject_CallMethod(module, "ovra_kb_init", "OO", sysDict, loadDict));
+    // Without the module no call is made.
+    PyObjectPtr reply =
+        module != nullptr ? HoldReply(api.PyObject_CallMethod(module, "ovra_kb_init", "OO", sysDict, loadDict))
+                          : PyObjectPtr();
+    // From here on both dictionaries are kept for the life of the process, on purpose.
+    PyWrapper::DropKept(sysDict);
+    PyWrapper::DropKept(loadDict);
     if (reply.get() == nullptr || !ParsesAsZero(reply)) {
         OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Failed to call ovra_kb_init.");
         return OVRA_KB_PYTHON_CALL_FAILED;
@@ -436,21 +450,26 @@ std::uint32_t OvraKbDelete(const std::string &keyword, const StrMap &writeConfig
 
 std::uint32_t OvraKbSearch(const std::string &keyword, const StrMap &searchConfigMap, std::vector<StrMap> &results)
 {
+    // A finalisation waits for the search until it returns.
+    CallGate::Call call;
     // Outlives the request's lock: a handle refused by the request is dropped after the lock is given back.
     PyObjectPtr taskHandle;
-    std::uint32_t status = OvraKbSearchReq(keyword, searchConfigMap, taskHandle);
+    std::uint32_t status =
+        call.Admitted() ? OvraKbSearchReq(keyword, searchConfigMap, taskHandle) : RefuseSearchRequest(searchConfigMap);
     if (status != OVRA_KB_SUCCESS) {
         OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Failed to call OvraKbSearchReq.");
         return status;
     }
-    for (;;) {
-        switch (PollSearchOnce(taskHandle, results)) {
+    for (GilGuard::Turn turn = GilGuard::Turn::AT_ONCE;; turn = GilGuard::Turn::QUEUED) {
+        switch (PollSearchOnce(taskHandle, results, turn)) {
             case PollResult::FINISHED:
                 return OVRA_KB_SUCCESS;
             case PollResult::CALL_FAILED:
                 return OVRA_KB_PYTHON_CALL_FAILED;
             case PollResult::FLAG_FAILED:
                 return OVRA_KB_CONFIG_KEY_MISSING;
+            case PollResult::FINALISED:
+                return OVRA_KB_PYTHON_UNAVAILABLE;
             case PollResult::NOT_FINISHED:
                 break;
         }

@@ -2,8 +2,12 @@
 
 #include <dlfcn.h>
 #include <signal.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <array>
+#include <cstdlib>
+#include <string>
 
 #include "common/common.h"
 #include "runtime/handle_manager.h"
@@ -50,6 +54,13 @@ class HostSignalDispositions {
     std::array<struct sigaction, KEPT_SIGNALS.size()> saved_{};
 };
 
+// OVRA_KB_RELEASE_KEPT=1 when the Python side comes up turns release mode on until it goes down.
+bool ReleaseKeptRequested()
+{
+    const char *value = getenv("OVRA_KB_RELEASE_KEPT");
+    return value != nullptr && std::string(value) == "1";
+}
+
 void AdoptThreadingMainThread()
 {
     HandleManager &api = PyApi();
@@ -67,6 +78,8 @@ void AdoptThreadingMainThread()
 struct KeptThreadState {
     std::uint64_t generation = 0;
     PyThreadState *state = nullptr;
+    // Whether the thread's state, kept here or not, is this library's own rather than a host's.
+    bool libraryOwned = false;
 
     KeptThreadState() = default;
     KeptThreadState(const KeptThreadState &) = delete;
@@ -105,25 +118,193 @@ std::mutex OvraKbPyfuncMgr::gInitPyFuncMtx_;
 std::atomic<std::uint64_t> OvraKbPyfuncMgr::interpreterGeneration_{1};
 std::mutex OvraKbPyfuncMgr::gKeptStatesMtx_;
 
-void OvraKbPyfuncMgr::KeepCallerThreadState()
+bool OvraKbPyfuncMgr::KeepCallerThreadState()
 {
     std::uint64_t generation = interpreterGeneration_.load(std::memory_order_acquire);
     KeptThreadState &kept = tKeptThreadState;
     if (kept.generation == generation) {
-        return;
+        return kept.libraryOwned;
     }
     // A state kept for an earlier interpreter went with it; this thread needs a new one.
     kept.generation = generation;
     kept.state = nullptr;
+    kept.libraryOwned = false;
     HandleManager &api = PyApi();
     // One ensure that is never matched keeps the state alive; parking it frees the lock again.
     PyGILState_STATE state = api.PyGILState_Ensure();
     if (state == PyGILState_LOCKED) {
         // The thread held the lock already, so its state belongs to its owner.
         api.PyGILState_Release(state);
+        return false;
+    }
+    // In an interpreter this library started every state but the parked one is made here; in a host's, the
+    // ensure may have restored the state of one of the host's Python threads instead of making a new one.
+    kept.libraryOwned = !Singleton<OvraKbPyfuncMgr>::Instance().pyAlreadyInited_ || !CallerIsHostPythonThread();
+    kept.state = api.PyEval_SaveThread();
+    return kept.libraryOwned;
+}
+
+// The caller holds the lock. The process's main thread, and every thread that Python's threading module knows,
+// run the host's Python code; a thread that the host never gave to Python is known to neither.
+bool OvraKbPyfuncMgr::CallerIsHostPythonThread()
+{
+    if (static_cast<pid_t>(syscall(SYS_gettid)) == getpid()) {
+        return true;
+    }
+    HandleManager &api = PyApi();
+    PyObject *threading = api.PyDict_GetItemString(api.PyImport_GetModuleDict(), "threading");
+    if (threading == nullptr) {
+        return false;
+    }
+    PyObjectPtr active(api.PyObject_GetAttrString(threading, "_active"));
+    PyObjectPtr ident(api.PyObject_CallMethod(threading, "get_ident", ""));
+    bool known = active.get() == nullptr || ident.get() == nullptr ||
+                 api.PyDict_GetItem(active.get(), ident.get()) != nullptr;
+    // A threading module without these names fails the lookups: then the thread counts as the host's.
+    PyWrapper::DiscardPendingError();
+    return known;
+}
+
+std::mutex CallGate::mutex_;
+std::condition_variable CallGate::drained_;
+std::uint64_t CallGate::inFlight_ = 0;
+std::atomic<bool> CallGate::closing_{false};
+
+CallGate::Call::Call()
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    admitted_ = !closing_;
+    inFlight_ += admitted_ ? 1 : 0;
+}
+
+CallGate::Call::~Call()
+{
+    if (!admitted_) {
         return;
     }
-    kept.state = api.PyEval_SaveThread();
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (--inFlight_ == 0) {
+        drained_.notify_all();
+    }
+}
+
+void CallGate::Close()
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    closing_ = true;
+    drained_.wait(lock, [] { return inFlight_ == 0; });
+}
+
+void CallGate::Open()
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    closing_ = false;
+}
+
+namespace {
+std::mutex gFinalisationMtx;
+
+// A Python host may finalise from a thread that holds the interpreter lock; the calls it waits for need it.
+void CloseGateWithoutTheInterpreterLock()
+{
+    HandleManager &api = PyApi();
+    bool holdsLock = api.IsInited() && api.Py_IsInitialized() != 0 && api.PyGILState_Check() == 1;
+    PyThreadState *state = holdsLock ? api.PyEval_SaveThread() : nullptr;
+    CallGate::Close();
+    if (state != nullptr) {
+        api.PyEval_RestoreThread(state);
+    }
+}
+}  // namespace
+
+Finalisation::Finalisation() : oneAtATime_(gFinalisationMtx)
+{
+    if (OvraKbPyfuncMgr::reference_.load() == 1) {
+        CloseGateWithoutTheInterpreterLock();
+    }
+}
+
+Finalisation::~Finalisation()
+{
+    std::lock_guard<std::mutex> lock(OvraKbPyfuncMgr::gInitPyFuncMtx_);
+    if (OvraKbPyfuncMgr::reference_.load() != 0) {
+        CallGate::Open();
+    }
+}
+
+namespace {
+
+// Searches that wait for their task go to the interpreter lock one at a time, in the order they came: only the
+// first waits for the lock itself, the others each on a condition variable of their own. Dozens of waiting
+// searches that all poll for the interpreter lock every millisecond each ask its holder to give it up, and the
+// knowledge base's worker threads that run the long searches are then starved by them; here such a worker
+// competes with one of them at most, and passing the turn on wakes one thread, not all of them.
+class LockQueue {
+  public:
+    void Enter()
+    {
+        Waiter &self = tWaiter;
+        std::unique_lock<std::mutex> lock(mutex_);
+        self.next = nullptr;
+        self.turn = head_ == nullptr;
+        (head_ == nullptr ? head_ : tail_->next) = &self;
+        tail_ = &self;
+        self.turnCame.wait(lock, [&self] { return self.turn; });
+    }
+
+    // The first in the queue has the interpreter lock now; the next one may start waiting for it.
+    void Leave()
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        head_ = head_->next;
+        if (head_ == nullptr) {
+            tail_ = nullptr;
+            return;
+        }
+        head_->turn = true;
+        head_->turnCame.notify_one();
+    }
+
+  private:
+    struct Waiter {
+        std::condition_variable turnCame;
+        bool turn = false;
+        Waiter *next = nullptr;
+    };
+    static thread_local Waiter tWaiter;
+
+    std::mutex mutex_;
+    Waiter *head_ = nullptr;
+    Waiter *tail_ = nullptr;
+};
+
+thread_local LockQueue::Waiter LockQueue::tWaiter;
+LockQueue gLockQueue;
+
+}  // namespace
+
+GilGuard::GilGuard(Turn turn)
+{
+    HandleManager &api = PyApi();
+    // A thread that holds the interpreter lock already (a Python host's) must not queue behind threads that wait
+    // for it.
+    bool queued = turn == Turn::QUEUED && api.PyGILState_Check() != 1;
+    if (queued) {
+        gLockQueue.Enter();
+    }
+    libraryOwnsState_ = OvraKbPyfuncMgr::KeepCallerThreadState();
+    state_ = api.PyGILState_Ensure();
+    if (queued) {
+        gLockQueue.Leave();
+    }
+}
+
+GilGuard::~GilGuard()
+{
+    if (libraryOwnsState_) {
+        PyWrapper::DiscardPendingError();
+    }
+    PyApi().PyGILState_Release(state_);
 }
 
 // The handle manager is built first so that it is destroyed last: the module reference this
@@ -155,9 +336,11 @@ void OvraKbPyfuncMgr::PyEnvInit()
     // Park this thread's state so that the global lock is free for every caller thread.
     OVRA_KB_LOG(OVRA_LEVEL_EVENT, "Start to run PyEval_SaveThread now.");
     savedThreadState_ = api.PyEval_SaveThread();
-    // That state is the interpreter's own: this thread keeps no other.
+    // That state is the interpreter's own: this thread keeps no other. It is this library's when this
+    // library started the interpreter, and the host's otherwise.
     tKeptThreadState.generation = interpreterGeneration_.load();
     tKeptThreadState.state = nullptr;
+    tKeptThreadState.libraryOwned = !pyAlreadyInited_;
 }
 
 void OvraKbPyfuncMgr::PyEnvDeinit()
@@ -200,6 +383,7 @@ bool OvraKbPyfuncMgr::PyObjectInit()
         return true;
     }
     HandleManager &api = PyApi();
+    PyWrapper::SetReleaseKept(ReleaseKeptRequested());
     // A runtime already in the global scope (the host's, or one loaded earlier) is used as it is.
     if (dlsym(RTLD_DEFAULT, "Py_Initialize") == nullptr && !api.LaunchDynamicLib()) {
         OVRA_KB_LOG(OVRA_LEVEL_ERROR, "PyObjectInit: Load python error");
@@ -211,10 +395,10 @@ bool OvraKbPyfuncMgr::PyObjectInit()
     }
     PyEnvInit();
 
-    PyGILState_STATE state = api.PyGILState_Ensure();
     bool result = false;
-    PyWrapper::g_pyFormatExceptionFunc = PyWrapper::GetFormatExcetpionFunc();
     {
+        GilGuard gil;
+        PyWrapper::g_pyFormatExceptionFunc = PyWrapper::GetFormatExcetpionFunc();
         PyObjectPtr logModule = PyWrapper::ImportModule(KB_LOG_MODULE);
         if (logModule.get() == nullptr) {
             OVRA_KB_LOG(OVRA_LEVEL_ERROR, "PyObjectInit: Import repository_manager_log error");
@@ -231,13 +415,13 @@ bool OvraKbPyfuncMgr::PyObjectInit()
                 } else {
                     OVRA_KB_LOG(OVRA_LEVEL_EVENT, "OvraKbPyfuncMgr: Run PyObjectInit successfully!");
                     ++reference_;
+                    CallGate::Open();
                     result = true;
                 }
             }
         }
         // The log module's reference is dropped here, while the lock is still held.
     }
-    api.PyGILState_Release(state);
     return result;
 }
 
@@ -251,10 +435,10 @@ void OvraKbPyfuncMgr::PyObjectDeinit()
         OVRA_KB_LOG(OVRA_LEVEL_INFO, "PyObject does not need to deinit");
         return;
     }
-    HandleManager &api = PyApi();
-    PyGILState_STATE state = api.PyGILState_Ensure();
-    ovraKbInterface_.ResetObject();
-    api.PyGILState_Release(state);
+    {
+        GilGuard gil;
+        ovraKbInterface_.ResetObject();
+    }
     PyEnvDeinit();
     OVRA_KB_LOG(OVRA_LEVEL_EVENT, "OvraKbPyfuncMgr: PyObjectDeinit function end successfully!");
 }

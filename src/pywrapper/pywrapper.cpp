@@ -1,5 +1,6 @@
 #include "pywrapper/pywrapper.h"
 
+#include <atomic>
 #include <cctype>
 #include <utility>
 
@@ -10,6 +11,9 @@ namespace OvraKb {
 namespace {
 
 const char *const FALLBACK_ERROR_CODE = "EC0010";
+
+// Written under the start-up mutex while no operation runs, read by every operation.
+std::atomic<bool> g_releaseKept{false};
 
 // Python's None from the table, in place of a missing argument.
 PyObject *OrNone(const PyObject *obj)
@@ -70,6 +74,23 @@ void PyObjectDecRefAll(std::vector<PyObject *> &&objs)
 {
     for (size_t i = 0; i < objs.size(); ++i) {
         PyObjectDecRef(objs[i]);
+    }
+}
+
+void SetReleaseKept(bool release)
+{
+    g_releaseKept.store(release, std::memory_order_relaxed);
+}
+
+bool ReleasesKept()
+{
+    return g_releaseKept.load(std::memory_order_relaxed);
+}
+
+void DropKept(PyObject *obj)
+{
+    if (ReleasesKept()) {
+        PyObjectDecRef(obj);
     }
 }
 
@@ -254,6 +275,7 @@ void UploadPyException(const PyObjectPtr &exc, StrMap &details)
         return;
     }
     PydictToMap(dict, details);
+    DropKept(dict);
 }
 
 void UploadPyException(PyObject *pyErrMsgTuple, StrMap &details)
@@ -314,7 +336,9 @@ std::string GetPyException(const PyObject *type, const PyObject *value, const Py
         return result;
     }
     std::vector<std::string> texts;
-    if (PyParseStrList(lines, texts) == 0 || texts.empty()) {
+    std::uint32_t count = PyParseStrList(lines, texts);
+    DropKept(lines);
+    if (count == 0 || texts.empty()) {
         api.PyErr_Print();
         return result;
     }
@@ -337,10 +361,26 @@ PyExceptionTriple FetchNormalizedException()
     return exc;
 }
 
+void DropKept(const PyExceptionTriple &exc)
+{
+    DropKept(exc.type);
+    DropKept(exc.value);
+    DropKept(exc.traceback);
+}
+
+void DiscardPendingError()
+{
+    PyExceptionTriple exc;
+    PyApi().PyErr_Fetch(&exc.type, &exc.value, &exc.traceback);
+    PyObjectDecRefAll({exc.type, exc.value, exc.traceback});
+}
+
 std::string GetPyException()
 {
     PyExceptionTriple exc = FetchNormalizedException();
-    return GetPyException(exc.type, exc.value, exc.traceback);
+    std::string text = GetPyException(exc.type, exc.value, exc.traceback);
+    DropKept(exc);
+    return text;
 }
 
 PyObjectPtr ImportModule(const char *name)

@@ -52,6 +52,14 @@ extern PyObject *g_pyUploadExceptionFunc;
 
 void PyObjectDecRefAll(std::vector<PyObject *> &&objs);
 
+// Release mode, for hosts that run for months: the references that the operations keep for the life of the
+// process on purpose (argument dictionaries, completion flags, None, exception triples, formatted lines and
+// error details) are dropped as soon as the operation is done with them. Chosen when the Python side comes up.
+void SetReleaseKept(bool release);
+bool ReleasesKept();
+// Drops a reference that is otherwise kept on purpose, in release mode only. The caller holds the lock.
+void DropKept(PyObject *obj);
+
 // Value conversion; all of them need the interpreter lock.
 std::uint32_t PyParseStrList(PyObject *pyStrList, std::vector<std::string> &vstr);
 std::uint32_t PyParseStrList(const PyObjectPtr &pyStrList, std::vector<std::string> &vstr);
@@ -76,6 +84,9 @@ struct PyExceptionTriple {
 };
 // Takes the pending exception out of the interpreter, normalised; the caller owns the references.
 PyExceptionTriple FetchNormalizedException();
+void DropKept(const PyExceptionTriple &exc);
+// Takes whatever error is pending out of the interpreter and releases it, so that it cannot reach a later call.
+void DiscardPendingError();
 PyObject *GetFormatExcetpionFunc();
 std::string GetPyException(const PyObject *type, const PyObject *value, const PyObject *traceback);
 std::string GetPyException();

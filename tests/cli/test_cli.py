@@ -264,7 +264,8 @@ esac
             ("a number too long", ("write", "kept", "changed", "--cores", "9" * 5000), {}, 6, [r"\[OVRA_KB_E002\]"]),
             ("a bank that is a device", ("write", "k", "v", "--bank", "/dev/null"), {}, 6,
              [r"/dev/null is a character device, not a directory \[OVRA_KB_E003\]"]),
-            ("a bank that is a pipe", ("search", "k", "--bank", fifo), {}, 66, ["no bank at .*fifo: it is not a directory"]),
+            ("a bank that is a pipe", ("search", "k", "--bank", fifo), {}, 66,
+             ["no bank at .*fifo: it is not a directory"]),
             ("a database linked elsewhere", ("write", "k", "v", "--bank", linked), {}, 6,
              [r"ovra_kb\.db is a symbolic link to .*outside\.db, not a regular file, so the bank is not opened "
               r"\[OVRA_KB_E003\]; put the database file itself in its place"]),

@@ -1,7 +1,8 @@
 """Entry points of the knowledge base, called by ``libovra_kb.so``.
 
 The native library calls these six functions with the interpreter lock held,
-from any thread, possibly from several threads at once:
+from any thread, possibly from several threads at once (the dictionaries
+passed to them are emptied once read):
 
 * ``ovra_kb_init(sys_dict, load_dict)`` -> 0
 * ``ovra_kb_finalize()``
@@ -154,8 +155,20 @@ def _cut_arguments(exc):
         exc.args = tuple(errors.cut(arg) if isinstance(arg, (str, bytes)) else arg for arg in exc.args)
 
 
+def _empty_dictionaries(args):
+    for arg in args:
+        if type(arg) is dict:
+            arg.clear()
+
+
 def _entry(function):
-    """One of the six functions that the native library calls."""
+    """One of the six functions that the native library calls.
+
+    The library keeps, for the life of the process, every dictionary it passes and every error it reports, so
+    both are made small here: a dictionary is emptied once the call has read it, and a refusal (an error of this
+    package, whose message says all there is to say) leaves the entry point on its own, without the frames
+    below it or the errors it was raised from.
+    """
 
     @functools.wraps(function)
     def entry(*args):
@@ -167,12 +180,15 @@ def _entry(function):
         try:
             return function(*args)
         except BaseException as exc:
-            named = errors.named_cause(exc)
             _forget_locals(exc)
-            del args
-            if named is None:
+            exc = errors.named_cause(exc) or exc
+            if errors.error_info(exc) is None:
                 raise
-            raise named from exc
+            exc.__cause__ = exc.__context__ = exc.__traceback__ = None
+            raise exc
+        finally:
+            _empty_dictionaries(args)
+            del args
 
     return entry
 

@@ -124,27 +124,47 @@ def get_py_exception_str(exc_type=None, exc_value=None, exc_tb=None, *_ignored, 
     return (name or message or "unknown error") + "\n"
 
 
+def _reported_as_it_is(payload):
+    """Whether a details dictionary can be reported as it is: exact strings that C can read, and a code."""
+    try:
+        return bool(payload.get("errCode")) and all(
+            type(key) is str and type(value) is str and _clean(key) is key and _clean(value) is value
+            for key, value in payload.items())
+    except BaseException:
+        return False
+
+
+def _clear_frames(exc_tb):
+    try:
+        traceback.clear_frames(exc_tb)
+    except BaseException:
+        pass
+
+
 def get_py_exception_dict(exc_type=None, exc_value=None, exc_tb=None, *_ignored, **_ignored_kw):
     """Error details as a dictionary of strings that always holds "errCode".
 
     An exception raised by this package (``RuntimeError`` carrying a details
-    dictionary) gives its own entries, code included.  Anything else is
-    reported under the generic code with "error_type" and "message".  A
-    "traceback" entry holds the formatted exception in both cases.
+    dictionary) gives its own entries, code included: the dictionary itself
+    when its entries are exact strings.  Anything else is reported under the
+    generic code with "error_type" and "message".  The library has logged the
+    traceback already and keeps what it is given here, so the dictionary holds
+    nothing more, and the traceback's frames are cleared of their variables.
     """
+    _clear_frames(exc_tb)
     result = {}
     try:
         payload = _payload(exc_value)
         if payload is None:
             payload = _argument_not_utf8(exc_value, exc_tb)
+        if payload is not None and _reported_as_it_is(payload):
+            return payload
         if payload is not None:
             for key, value in list(payload.items()):
                 result[_text(key)] = _text(value)
         else:
             result["error_type"] = _class_name(exc_type, exc_value) or "unknown"
             result["message"] = _text(exc_value) if exc_value is not None else ""
-        if exc_tb is not None or isinstance(exc_value, BaseException):
-            result.setdefault("traceback", get_py_exception_str(exc_type, exc_value, exc_tb))
     except BaseException:
         result.setdefault("message", "the exception could not be described")
     code = result.get("errCode")
