@@ -213,10 +213,13 @@ def _read_log(path, verify=False, end=None):
         sums = _log_checksum(header[:24], (0, 0), order)
         if verify and sums != struct.unpack(">II", header[24:32]):
             return pages, size, size_end
-        offset = _WAL_HEADER
-        while end is None or offset < end:
-            frame = log.read(frame_size)
-            if len(frame) < frame_size or frame[8:16] != header[16:24]:
+        # Only whole frames count; without ``verify`` only their headers are read.
+        length = os.fstat(log.fileno()).st_size if end is None else end
+        wanted = frame_size if verify else _WAL_FRAME_HEADER
+        for offset in range(_WAL_HEADER, length - frame_size + 1, frame_size):
+            log.seek(offset)
+            frame = log.read(wanted)
+            if len(frame) < wanted or frame[8:16] != header[16:24]:
                 break
             if verify:
                 sums = _log_checksum(frame[:8] + frame[_WAL_FRAME_HEADER:], sums, order)
@@ -224,9 +227,8 @@ def _read_log(path, verify=False, end=None):
                     break
             page, commit = struct.unpack(">II", frame[:8])
             pages.add(page)
-            offset += frame_size
             if commit:
-                size, size_end = commit, offset
+                size, size_end = commit, offset + frame_size
     return pages, size, size_end
 
 
