@@ -10,7 +10,7 @@ set_target_properties(ovra_platform PROPERTIES EXPORT_NAME platform)
 install(TARGETS ovra_kb ovra_platform EXPORT OvraKbTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} NAMELINK_COMPONENT Development
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(FILES include/ovra_kb/ovra_kb_api.h include/ovra_kb/ovra_kb_c.h "${PROJECT_BINARY_DIR}/include/ovra_kb/version.h"
+install(FILES include/ovra_kb/ovra_kb_api.h include/ovra_kb/ovra_kb_c.h include/ovra_kb/export.h "${PROJECT_BINARY_DIR}/include/ovra_kb/version.h"
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ovra_kb)
 install(FILES platform/include/ovra_platform/platform.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ovra_platform)
 

@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <signal.h>
+#include <limits.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -31,11 +32,17 @@ const char *const ADOPT_THREADING_MAIN_THREAD =
 // Python installs its own SIGINT handler and ignores SIGPIPE and SIGXFSZ when it starts, and resets
 // the handlers it believes are its own when it stops. The host's dispositions of these signals are
 // recorded before either step and put back as soon as it returns, so that a host's Ctrl-C still
-// ends it and a handler that it installed in between survives.
+// ends it and a handler that it installed in between survives. Meanwhile SIGINT is blocked on this
+// thread: one that comes is held, and reaches the host's own disposition once that is back, instead
+// of Python's handler, which would lose it or break the start-up.
 class HostSignalDispositions {
   public:
     HostSignalDispositions()
     {
+        sigset_t interrupt;
+        sigemptyset(&interrupt);
+        sigaddset(&interrupt, SIGINT);
+        (void)pthread_sigmask(SIG_BLOCK, &interrupt, &savedMask_);
         for (size_t i = 0; i < KEPT_SIGNALS.size(); ++i) {
             (void)sigaction(KEPT_SIGNALS[i], nullptr, &saved_[i]);
         }
@@ -45,6 +52,7 @@ class HostSignalDispositions {
         for (size_t i = 0; i < KEPT_SIGNALS.size(); ++i) {
             (void)sigaction(KEPT_SIGNALS[i], &saved_[i], nullptr);
         }
+        (void)pthread_sigmask(SIG_SETMASK, &savedMask_, nullptr);
     }
     HostSignalDispositions(const HostSignalDispositions &) = delete;
     HostSignalDispositions &operator=(const HostSignalDispositions &) = delete;
@@ -52,7 +60,63 @@ class HostSignalDispositions {
   private:
     static constexpr std::array<int, 3> KEPT_SIGNALS = {SIGINT, SIGPIPE, SIGXFSZ};
     std::array<struct sigaction, KEPT_SIGNALS.size()> saved_{};
+    sigset_t savedMask_{};
 };
+
+// Where the interpreter finds the knowledge-base package. A deployment puts folders in front of the module
+// search path with OVRA_KB_PYTHONPATH (when this library starts the interpreter); without it, and without
+// OVRA_KB_PYTHON, a package that no folder of the path holds is looked for last in the folder installed beside
+// this library. The caller holds the lock; a failure here only shows as the imports' own failure.
+const char *const PREPARE_PACKAGE_PATH =
+    "import os, sys\n"
+    "if front is not None:\n"
+    "    sys.path[0:0] = [entry for entry in front.split(os.pathsep) if entry]\n"
+    "elif installed and os.path.isdir(installed) and installed not in sys.path:\n"
+    "    import importlib.util\n"
+    "    def found(name):\n"
+    "        try:\n"
+    "            return importlib.util.find_spec(name) is not None\n"
+    "        except Exception:\n"
+    "            return False\n"
+    "    if not all(found(name) for name in modules):\n"
+    "        sys.path.append(installed)\n";
+
+const char *NonEmptyEnv(const char *name)
+{
+    const char *value = getenv(name);
+    return value != nullptr && *value != '\0' ? value : nullptr;
+}
+
+// The package folder of an installation: this library's own folder, then the relative path from the library
+// folder to the data folder that the build was configured with.
+std::string InstalledPackageFolder()
+{
+    Dl_info self{};
+    char resolved[PATH_MAX];
+    if (dladdr(reinterpret_cast<void *>(&InstalledPackageFolder), &self) == 0 || self.dli_fname == nullptr ||
+        realpath(self.dli_fname, resolved) == nullptr) {
+        return "";
+    }
+    std::string library(resolved);
+    return library.substr(0, library.rfind('/') + 1) + OVRA_KB_PACKAGE_FROM_LIBDIR;
+}
+
+void PreparePackagePath(bool interpreterIsOurs)
+{
+    HandleManager &api = PyApi();
+    const char *front = NonEmptyEnv("OVRA_KB_PYTHONPATH");
+    bool chosen = front != nullptr || NonEmptyEnv("OVRA_KB_PYTHON") != nullptr;
+    std::string installed = chosen ? "" : InstalledPackageFolder();
+    PyObjectPtr builtins(api.PyImport_ImportModule("builtins"));
+    PyObjectPtr done(builtins.get() == nullptr
+                         ? nullptr
+                         : api.PyObject_CallMethod(builtins.get(), "exec", "s{s:z,s:s,s:(ss)}", PREPARE_PACKAGE_PATH,
+                                                   "front", interpreterIsOurs ? front : nullptr, "installed",
+                                                   installed.c_str(), "modules", KB_INTERFACE_MODULE, KB_LOG_MODULE));
+    if (done.get() == nullptr) {
+        PyWrapper::DiscardPendingError();
+    }
+}
 
 // OVRA_KB_RELEASE_KEPT=1 when the Python side comes up turns release mode on until it goes down.
 bool ReleaseKeptRequested()
@@ -398,6 +462,7 @@ bool OvraKbPyfuncMgr::PyObjectInit()
     bool result = false;
     {
         GilGuard gil;
+        PreparePackagePath(!pyAlreadyInited_);
         PyWrapper::g_pyFormatExceptionFunc = PyWrapper::GetFormatExcetpionFunc();
         PyObjectPtr logModule = PyWrapper::ImportModule(KB_LOG_MODULE);
         if (logModule.get() == nullptr) {
