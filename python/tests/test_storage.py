@@ -115,6 +115,15 @@ class SqliteBankTest(BankContract, KbTestCase):
         self.assertEqual((statements[inserts[1] - 1], statements[-1]),
                          ("pragmasynchronous=full", "pragmasynchronous=normal"))
 
+    def test_a_flush_keeps_the_locks_of_this_process_so_that_another_one_leaves_the_log_alone(self):
+        backend = self.open()
+        backend.write(SCOPE, "Op", "k", "v", False)
+        backend.flush()
+        subprocess.check_call([sys.executable, "-c", "import sqlite3, sys; c = sqlite3.connect(sys.argv[1]); "
+                               "c.execute('SELECT count(*) FROM sqlite_master').fetchall(); c.close()",
+                               backend.db_path])
+        self.assertTrue(os.path.exists(backend.db_path + "-wal"), "another process removed the log under this one")
+
     def test_records_survive_a_writer_killed_at_any_time(self):
         # The writer's directory bank never imports the driver of a server bank either.
         writer = subprocess.Popen([sys.executable, "-c", """

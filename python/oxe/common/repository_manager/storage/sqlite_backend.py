@@ -551,13 +551,16 @@ class SqliteBackend(SqlKnowledgeBackend):
         return records
 
     def _flush(self, writer):
+        # The checkpoint syncs the database file after the frames it copies; the frames it leaves stay in the log,
+        # synced here. The database file itself is never opened here: closing a descriptor of it would drop the
+        # locks that this process's connections hold on it, and another process closing its last connection
+        # would then delete the log and its index under them.
         try:
             _retry(lambda: writer.execute("PRAGMA wal_checkpoint(PASSIVE)").fetchall(),
                    time.monotonic() + 1.0)
         except sqlite3.Error:
             pass  # the fsync below still makes the WAL durable
         _fsync_path(self.db_path + "-wal")
-        _fsync_path(self.db_path)
         _fsync_path(self.directory, directory=True)
 
     def _open_error(self, exc):
