@@ -1,6 +1,7 @@
 #include "commands.h"
 
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +16,7 @@
 #include <utility>
 
 #include "environment.h"
+#include "export_file.h"
 #include "json.h"
 #include "output.h"
 
@@ -63,6 +65,7 @@ CallOutcome CloseHoldingInterrupts(KbSession &session)
 // A record of the searches that span the bank's chips (the reference package's extensions).
 const char kEveryChip[] = "all_chips";
 const char kChipCounts[] = "chips";
+const char kBackup[] = "backup";
 
 std::string Describe(const std::string &keyword, const std::string &opType)
 {
@@ -87,12 +90,17 @@ int CannotRead(const std::string &file)
     return kExitNoInput;
 }
 
+std::string Field(const OvraKb::StrMap &row, const char *name)
+{
+    const auto found = row.find(name);
+    return found != row.end() ? found->second : "";
+}
+
 std::string ExportLine(const OvraKb::StrMap &row, bool withChip)
 {
     JsonObject record;
     for (const char *field : {"keyword", "knowledge", "op_type", "soc_version", "core_num"}) {
-        const auto found = row.find(field);
-        record[field] = found != row.end() ? found->second : "";
+        record[field] = Field(row, field);
     }
     if (!withChip) {
         record.erase("soc_version");
@@ -107,35 +115,24 @@ int CannotWrite(const std::string &file)
     return kExitCannotCreate;
 }
 
-// A file is written under a temporary name beside it and renamed when complete, so that an interrupted or
-// failed export leaves no half-written file.
 int WriteExport(const std::vector<OvraKb::StrMap> &rows, const Options &options)
 {
     const bool toFile = !options.operands.empty() && options.operands[0] != kStandardStream;
     const std::string file = toFile ? options.operands[0] : "standard output";
-    std::string partial = file + ".partial-XXXXXX";
-    const int fd = toFile ? mkstemp(&partial[0]) : -1;
-    FILE *out = toFile ? (fd >= 0 ? fdopen(fd, "w") : nullptr) : stdout;
-    if (out == nullptr) {
+    ExportFile exportFile;
+    if (toFile && !exportFile.Open(file)) {
         return CannotWrite(file);
     }
+    FILE *out = toFile ? exportFile.Stream() : stdout;
     for (std::size_t i = 0; i < rows.size() && gInterrupted == 0; ++i) {
         std::fputs(ExportLine(rows[i], !options.oneChip).c_str(), out);
-    }
-    const bool flushed = std::fflush(out) == 0 && std::ferror(out) == 0;
-    const bool closed = !toFile || std::fclose(out) == 0;
-    const bool complete = flushed && closed && gInterrupted == 0;
-    if (toFile && (!complete || std::rename(partial.c_str(), file.c_str()) != 0)) {
-        const int error = errno;
-        std::remove(partial.c_str());
-        errno = error;
     }
     if (gInterrupted != 0) {
         std::fprintf(stderr, "ovra-kb: interrupted: %s\n",
                      toFile ? ("nothing was written to " + file).c_str() : "the output stops short");
         return kExitInterrupted;
     }
-    if (!complete || (toFile && access(file.c_str(), F_OK) != 0)) {
+    if (!(toFile ? exportFile.Commit() : std::fflush(stdout) == 0 && std::ferror(stdout) == 0)) {
         return CannotWrite(file);
     }
     if (toFile) {
@@ -157,8 +154,15 @@ int RefuseMissingBank(const Options &options, const std::string &bank)
     if (mayCreate || IsServerUrl(bank) || IsDirectory(bank)) {
         return 0;
     }
-    std::fprintf(stderr, "ovra-kb: there is no bank at %s; check --bank (only write and import create a bank)\n",
-                 bank.c_str());
+    struct stat info {};
+    if (lstat(bank.c_str(), &info) == 0) {
+        std::fprintf(stderr,
+                     "ovra-kb: there is no bank at %s: it is not a directory; try --bank with a bank directory\n",
+                     bank.c_str());
+    } else {
+        std::fprintf(stderr, "ovra-kb: there is no bank at %s; check --bank (only write and import create a bank)\n",
+                     bank.c_str());
+    }
     return kExitNoInput;
 }
 
@@ -321,6 +325,26 @@ int RunStats(const Options &options)
         }
         std::printf("%llu record%s in %zu chip%s\n", total, total == 1 ? "" : "s", chips.size(),
                     chips.size() == 1 ? "" : "s");
+        return 0;
+    });
+}
+
+// The copy is the package's: it knows how its bank is kept and how to copy it while writers go on.
+int RunBackup(const Options &options)
+{
+    const std::string &directory = options.operands[0];
+    return WithSession(options, BankDir(options), [&](KbSession &kb) {
+        std::vector<OvraKb::StrMap> rows;
+        const CallOutcome copied = kb.Search(directory, kEveryOpType, kBackup, rows);
+        if (!copied.Ok()) {
+            return ReportFailure(copied, kEveryOpType);
+        }
+        for (const OvraKb::StrMap &row : rows) {
+            const std::size_t records = std::strtoull(Field(row, "records").c_str(), nullptr, 10);
+            std::printf("backed up %s (%s bytes) to %s; it is a bank of its own: --bank %s\n",
+                        Plural(records, "record").c_str(), Field(row, "bytes").c_str(), Field(row, "backup").c_str(),
+                        directory.c_str());
+        }
         return 0;
     });
 }

@@ -20,6 +20,7 @@ int RunDelete(const Options &options);
 int RunImport(const Options &options);
 int RunExport(const Options &options);
 int RunStats(const Options &options);
+int RunBackup(const Options &options);
 int RunDemo(const Options &options);
 int RunDoctor(const Options &options);
 

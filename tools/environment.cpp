@@ -55,12 +55,6 @@ std::string ExecutablePath()
     return length > 0 ? std::string(path, static_cast<std::size_t>(length)) : "";
 }
 
-std::string DirName(const std::string &path)
-{
-    const std::size_t slash = path.rfind('/');
-    return slash == std::string::npos ? "." : path.substr(0, slash == 0 ? 1 : slash);
-}
-
 std::string ModuleFile(const std::string &module)
 {
     std::string file = module;
@@ -232,6 +226,12 @@ std::string Resolved(const std::string &path)
 bool IsServerUrl(const std::string &bank)
 {
     return bank.rfind("postgresql://", 0) == 0 || bank.rfind("postgres://", 0) == 0;
+}
+
+std::string DirName(const std::string &path)
+{
+    const std::size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "." : path.substr(0, slash == 0 ? 1 : slash);
 }
 
 bool IsDirectory(const std::string &path)

@@ -63,6 +63,8 @@ void ApplyPythonPath(const PythonPathChoice &choice);
 void RequestReleaseMode();
 
 bool IsDirectory(const std::string &path);
+// The folder part of `path`: "." when it has none.
+std::string DirName(const std::string &path);
 // `path` with its symbolic links resolved, or as it is when it cannot be.
 std::string Resolved(const std::string &path);
 // A bank on a PostgreSQL server rather than in a directory.

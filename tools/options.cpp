@@ -47,13 +47,22 @@ const CommandInfo kCommands[] = {
      "many records were written, each whole and durable.\n"},
     {Command::kExport, "export", "export [FILE] [--one-chip] [options]", 0, 1,
      "Writes every record of the bank, of every chip and every op type (or only of --op-type when it is\n"
-     "given), as JSON lines with their chip to FILE, or to standard output without FILE (or with -); a\n"
-     "file appears only once complete. Ctrl-C stops it (exit 130) and writes no file. The output of\n"
-     "export is the input of import, which puts each record back to its chip.\n"
+     "given), as JSON lines with their chip to FILE, or to standard output without FILE (or with -). FILE\n"
+     "changes only once the export is complete and on disk: Ctrl-C (exit 130), a failure or a crash leaves\n"
+     "it as it was. A new FILE gets the mode that the umask gives, an existing one keeps its mode, and a\n"
+     "symbolic link stays a link to the file written. The output of export is the input of import, which\n"
+     "puts each record back to its chip.\n"
      "  --one-chip     only the records of the chip of --soc and --cores, in lines without a chip: import\n"
      "                 writes such lines to the chip of its own --soc and --cores\n"},
     {Command::kStats, "stats", "stats [--json] [options]", 0, 0,
      "Lists the chips of the bank (soc_version and core_num) with the number of records of each.\n"},
+    {Command::kBackup, "backup", "backup DIR [options]", 1, 1,
+     "Copies the whole bank into DIR, a new or empty directory, as it is at one moment, while other\n"
+     "processes go on writing to it (SQLite's online backup; copying the files of a bank in use with cp\n"
+     "can give a damaged copy). The copy is checked and appears in DIR only once complete. It is a bank\n"
+     "of its own: use it with --bank DIR, or to restore, put it in the place of the bank while no process\n"
+     "uses the bank. A bank on a PostgreSQL server is backed up with the server's own tools (pg_dump):\n"
+     "the command names the pg_dump command for it instead.\n"},
     {Command::kDemo, "demo", "demo [options]", 0, 0,
      "Shows the knowledge base at work: writes a few records under two op types into a fresh bank,\n"
      "searches them exactly, by prefix and all at once, deletes one, and tells each step.\n"
@@ -312,8 +321,8 @@ std::string UsageLine(Command command)
 {
     const CommandInfo *info = InfoOf(command);
     if (info == nullptr) {
-        return "usage: ovra-kb COMMAND [ARGS] [options] (commands: write, search, delete, import, export, demo, "
-               "doctor; see ovra-kb --help)";
+        return "usage: ovra-kb COMMAND [ARGS] [options] (commands: write, search, delete, import, export, stats, "
+               "backup, demo, doctor; see ovra-kb --help)";
     }
     return "usage: ovra-kb " + std::string(info->synopsis);
 }

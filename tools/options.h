@@ -15,7 +15,7 @@ constexpr int kExitNoInput = 66;       // import: the file cannot be read
 constexpr int kExitCannotCreate = 73;  // export: the file cannot be written
 constexpr int kExitInterrupted = 130;  // Ctrl-C, as a shell reports a process ended by SIGINT
 
-enum class Command { kNone, kWrite, kSearch, kDelete, kImport, kExport, kStats, kDemo, kDoctor };
+enum class Command { kNone, kWrite, kSearch, kDelete, kImport, kExport, kStats, kBackup, kDemo, kDoctor };
 
 struct Options {
     Command command = Command::kNone;

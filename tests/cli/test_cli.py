@@ -1,11 +1,13 @@
 """The ovra-kb command as a real process on the real library, package and banks. CTest runs each case (`--list`;
 `--list-server`: the PostgreSQL bank's, see tests/postgres) alone, given OVRA_KB_CLI, OVRA_KB_TEST_PYTHON (put
 first on PATH as python3), OVRA_KB_PACKAGE_DIR, OVRA_KB_VERSION and the server of python/tests/pg_support.py."""
+import contextlib
 import json
 import os
 import re
 import shutil
 import signal
+import sqlite3
 import subprocess
 import sys
 import tempfile
@@ -274,6 +276,9 @@ esac
     def test_statuses_and_their_advice(self):
         blocker = self.write_file("not-a-dir", "keep me")  # no one can make a directory below a file
         missing = os.path.join(self.tmp, "typo", "bank")
+        fifo, linked = os.path.join(self.tmp, "fifo"), self.make_dir("linked")
+        os.mkfifo(fifo)
+        os.symlink(os.path.join(self.tmp, "outside.db"), os.path.join(linked, "ovra_kb.db"))
         delete = ("delete", "kept", "--op-type", "MatMul")
         cases = [
             ("unknown search type", ("search", "kept", "--type", "fuzzy", "--op-type", "MatMul"), {}, 6,
@@ -285,6 +290,18 @@ esac
              [r"\[OVRA_KB_E005\]", "try --op-type with an operator type$"]),
             ("bad core count", ("write", "kept", "changed", "--cores", "many"), {}, 6,
              [r"\[OVRA_KB_E002\]", "try --cores with a positive number$"]),
+            ("a refused value shown whole", ("write", "kept", "changed", "--cores", "8; x"), {}, 6,
+             [r"core_num '8; x' is not a positive integer of at most 18 digits \[OVRA_KB_E002\]"]),
+            ("a number too long", ("write", "kept", "changed", "--cores", "9" * 5000), {}, 6, [r"\[OVRA_KB_E002\]"]),
+            ("a bank that is a device", ("write", "k", "v", "--bank", "/dev/null"), {}, 6,
+             [r"/dev/null is a character device, not a directory \[OVRA_KB_E003\]"]),
+            ("a bank that is a pipe", ("search", "k", "--bank", fifo), {}, 66,
+             ["no bank at .*fifo: it is not a directory"]),
+            ("a database linked elsewhere", ("write", "k", "v", "--bank", linked), {}, 6,
+             [r"ovra_kb\.db is a symbolic link to .*outside\.db, not a regular file, so the bank is not opened "
+              r"\[OVRA_KB_E003\]; put the database file itself in its place"]),
+            ("a backup into a directory that is not empty", ("backup", self.tmp), {}, 6,
+             [r"is not empty \(it holds .*\) \[OVRA_KB_E009\]; try backup with a new or empty directory$"]),
             ("op type not UTF-8", ("write", "kept", "changed", "--op-type", b"Mat\xffMul"), {}, 4,
              [r"could not be passed to Python \(status 4\); pass --op-type, --soc, --cores and --bank as UTF-8"]),
             ("no python3 on PATH", delete, {"PATH": self.make_dir("empty-bin")}, 3,
@@ -368,6 +385,74 @@ class CommandLineTest(CliTestCase):
         self.kb("demo")
         self.assertEqual(len(self.search_json("--type", "all", "--op-type", "*")), 4)
         self.assertIn("demo needs a fresh bank", self.kb("demo", status=64).stderr)
+
+
+class CopyTest(CliTestCase):
+    """The copies of a bank that are files: a backup and an export."""
+
+    def test_backups_taken_during_an_import_are_whole_banks_of_one_moment(self):
+        lines = "".join(json.dumps({"keyword": "k%06d" % n, "knowledge": "v" * 50}) + "\n" for n in range(200000))
+        process = self.start("import", self.write_file("big.jsonl", lines), "--bank", self.bank)
+        self.addCleanup(process.communicate)
+        self.addCleanup(process.kill)
+        for line in process.stderr:
+            if "imported" in line:  # the first progress line: writing has begun
+                break
+        taken = []
+        for number in range(3):
+            copy = os.path.join(self.tmp, "copy%d" % number)
+            if number == 1:  # what an interrupted backup left goes
+                os.makedirs(copy)
+                self.write_file(os.path.join(copy, "ovra_kb.db.partial-3f9a0c"), "half")
+            self.assertRegex(self.kb("backup", copy).stdout,
+                             r"^backed up \d+ records \(\d+ bytes\) to .*; it is a bank of its own: --bank ")
+            self.assertEqual(os.listdir(copy), ["ovra_kb.db"])
+            with contextlib.closing(sqlite3.connect(os.path.join(copy, "ovra_kb.db"))) as db:
+                self.assertEqual(db.execute("PRAGMA integrity_check").fetchall(), [("ok",)])
+                keys = [key for key, in db.execute("SELECT keyword FROM records ORDER BY keyword")]
+            self.assertEqual(keys, ["k%06d" % n for n in range(len(keys))], "not the bank of one moment")
+            taken.append(len(keys))
+        self.assertEqual(taken, sorted(taken))
+        self.assertGreater(taken[0], 0)
+        self.assertEqual(self.run_cli("stats", "--bank", copy).stdout.splitlines()[-1],
+                         "%d records in 1 chip" % taken[-1])
+
+    def test_an_export_file_appears_whole_with_its_mode_and_links_kept(self):
+        self.kb("import", self.write_file("in.jsonl", "".join(
+            json.dumps({"keyword": "k%05d" % n, "knowledge": "v" * 500}) + "\n" for n in range(20000))))
+        whole = self.kb("export").stdout
+        dump, link, target = (os.path.join(self.tmp, name) for name in ("dump.jsonl", "link.jsonl", "target.jsonl"))
+        os.symlink(target, link)
+        cases = [  # (name, file, umask, its mode before or None, the written file's mode)
+            ("a new file gets the umask's mode", dump, 0o027, None, 0o640),
+            ("an existing file keeps its mode", dump, 0o077, 0o604, 0o604),
+            ("a link's missing target is written", link, 0o022, None, 0o644),
+        ]
+        for name, path, umask, before, mode in cases:
+            with self.subTest(name):
+                if before is not None:
+                    os.chmod(path, before)
+                written = target if path == link else path
+                for partial in (written, "other.jsonl"):  # a killed export's partial goes, another file's stays
+                    self.write_file(partial + ".partial-Xy12ab", "half")
+                self.run_cli("export", path, "--bank", self.bank,
+                             cli=["sh", "-c", 'umask %o && exec "$@"' % umask, "sh", CLI])
+                with open(written, encoding="utf-8") as content:
+                    self.assertTrue(content.read() == whole, "the file is not the export")
+                self.assertEqual((os.stat(written).st_mode & 0o777, os.path.islink(link)), (mode, True))
+                self.assertEqual([n for n in os.listdir(self.tmp) if ".partial-" in n], ["other.jsonl.partial-Xy12ab"])
+        for _ in range(3):  # killed while it writes, the export leaves the old file
+            self.write_file(dump, "old\n")
+            export = self.start("export", dump, "--bank", self.bank)
+            deadline = time.monotonic() + 60
+            while export.poll() is None and time.monotonic() < deadline and all(
+                    os.stat(os.path.join(self.tmp, name)).st_size in (0, 4)
+                    for name in os.listdir(self.tmp) if name.startswith("dump.jsonl")):
+                time.sleep(0.001)
+            export.kill()
+            export.communicate()
+            with open(dump, encoding="utf-8") as content:
+                self.assertTrue(content.read() in ("old\n", whole), "a killed export left a file cut short")
 
 
 INTERFACE = "oxe.common.repository_manager.interface"
