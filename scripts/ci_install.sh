@@ -20,8 +20,19 @@ cmake --install "$build" --prefix "$stage" >/dev/null
 libdir="$(dirname "$(find "$stage" -name libovra_kb.so.0 -print -quit)")"
 multiarch="$(dpkg-architecture -qDEB_HOST_MULTIARCH)"
 [ "$libdir" = "$stage/lib/$multiarch" ] || fail "the libraries went to $libdir, not to lib/$multiarch"
-export PYTHONPATH="$stage/share/ovra_kb/python"
 [ -f "$stage/share/doc/ovra-kb/LICENSE" ] || fail "the licence is not installed"
+# The consumers below set no PYTHONPATH: the installed library finds the package installed beside it.
+unset PYTHONPATH OVRA_KB_PYTHONPATH
+
+echo "== the installed libraries export their public functions only"
+for library in libovra_kb.so libovra_platform.so; do
+  nm -D --defined-only "$libdir/$library" | c++filt | sed 's/^[0-9a-f]* [A-Za-z] //; s/(.*//' | sort -u >"$work/$library.exports"
+  echo "$library: $(tr '\n' ' ' <"$work/$library.exports")"
+done
+grep -vE '^OvraKb(Init|Finalize|Search|Write|Delete|C[A-Za-z]+)$' "$work/libovra_kb.so.exports" &&
+  fail "libovra_kb.so exports more than the five entry points and the C interface"
+grep -vE '^(CheckLogLevel|DlogInner|mmGetTid|ErrorManager::(GetInstance|ReportErrMessage|GetReports|ClearReports))$' \
+  "$work/libovra_platform.so.exports" && fail "libovra_platform.so exports more than its header declares"
 
 echo "== consumer through find_package"
 cmake -S "$root/examples/find_package" -B "$work/find_package" -G Ninja -DCMAKE_PREFIX_PATH="$stage" >/dev/null
