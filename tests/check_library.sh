@@ -1,19 +1,24 @@
 #!/bin/sh
-# Checks the built library's linkage: five plain exported names and those of the C interface
-# (every function that include/ovra_kb/ovra_kb_c.h declares), the platform functions left
-# to the platform library, no Python library needed and no Python headers used.
-#   check_library.sh LIBRARY COMPILE_COMMANDS_JSON LIBRARY_SOURCE_DIR
+# Checks the built libraries' linkage: the library exports the five entry points and the functions of the C
+# interface (every function that include/ovra_kb/ovra_kb_c.h declares) and nothing else, the platform library
+# the functions of its header and nothing else; the platform functions are left to the platform library, no
+# Python library is needed and no Python headers are used.
+#   check_library.sh LIBRARY PLATFORM_LIBRARY COMPILE_COMMANDS_JSON LIBRARY_SOURCE_DIR
 set -u
 lib=$1
-commands=$2
-sources=$3
+platform=$2
+commands=$3
+sources=$4
 status=0
 fail() { echo "FAIL: $*"; status=1; }
+exported() { nm -D --defined-only "$1" | c++filt | sed 's/^[0-9a-f]* [A-Za-z] //; s/(.*//' | sort -u | tr '\n' ' '; }
 
-plain=$(nm -D --defined-only "$lib" | awk '$2 == "T" || $2 == "W" { print $3 }' | grep -v '^_Z' | sort | tr '\n' ' ')
 c_api=$(grep -o 'OvraKbC[A-Za-z]*(' "$sources/../include/ovra_kb/ovra_kb_c.h" | tr -d '(')
 expected=$(printf '%s\n' OvraKbDelete OvraKbFinalize OvraKbInit OvraKbSearch OvraKbWrite "$c_api" | sort | tr '\n' ' ')
-[ "$plain" = "$expected" ] || fail "unmangled exported functions are [$plain], not [$expected]"
+[ "$(exported "$lib")" = "$expected" ] || fail "the library exports [$(exported "$lib")], not [$expected]"
+expected=$(printf '%s\n' CheckLogLevel DlogInner mmGetTid ErrorManager::GetInstance ErrorManager::ReportErrMessage \
+    ErrorManager::GetReports ErrorManager::ClearReports | sort | tr '\n' ' ')
+[ "$(exported "$platform")" = "$expected" ] || fail "the platform library exports [$(exported "$platform")], not [$expected]"
 
 undefined=$(nm -D --undefined-only "$lib" | c++filt)
 for symbol in CheckLogLevel DlogInner mmGetTid 'ErrorManager::GetInstance()' 'ErrorManager::ReportErrMessage('; do

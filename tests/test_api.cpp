@@ -271,6 +271,19 @@ TEST_F(Api, AnErrorThatACallLeavesPendingNeverReachesTheThreadsNextCalls)
 
 // ---- Initialise and finalise ----
 
+// OVRA_KB_PYTHONPATH goes before every other folder of the module search path of the interpreter the library starts.
+TEST_F(Api, TheDeploymentsPackageFoldersComeFirstOnTheModuleSearchPath)
+{
+    const std::string folders = getenv("PYTHONPATH");
+    setenv("OVRA_KB_PYTHONPATH", folders.c_str(), 1);
+    setenv("PYTHONPATH", dir_.File("elsewhere").c_str(), 1);
+    scripted_.SetScript(Script("ovra_kb_init", "note(':'.join(sys.path[:3]))"));
+    EXPECT_EQ(OvraKbInit(SYS, LOAD), 0U);
+    EXPECT_EQ(scripted_.Notes(), Strings{folders});
+    EXPECT_EQ(OvraKbFinalize(), 0U);
+    unsetenv("OVRA_KB_PYTHONPATH");
+}
+
 TEST_F(Api, AFailedInitKeepsItsUserAndAFailedFinaliseLeavesPythonUp)
 {
     EXPECT_EQ(OvraKbInit({{"soc_version", "x"}}, LOAD), 2U);

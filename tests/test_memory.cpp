@@ -4,14 +4,13 @@
 // kind leave exactly those behind, and nothing else grows with N. (The reference kept on None by each
 // search without a search type is counted in test_python_side: here the interpreter's own use blurs it.)
 // On the reference package, what those references hold stays small, and release mode keeps nothing.
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <sstream>
 
 #include "ovra_kb/ovra_kb_api.h"
-#include "pyfunc/ovra_kb_pyfunc_mgr.h"
-#include "runtime/handle_manager.h"
 #include "test_env.h"
 
 using namespace OvraTest;
@@ -118,17 +117,32 @@ TEST_F(Memory, OperationsKeepOnlyWhatTheyKeepOnPurposeAndNothingGrowsBeyond)
 
 // ---- The reference package: bytes kept per call ----
 
-// Evaluates a Python expression in the library's interpreter, on this thread; its value as an integer.
+// Evaluates a Python expression in the interpreter the library started, on this thread, through the runtime's
+// own functions (the library put them in the process's global scope); its value as an integer.
 long long PythonInteger(const std::string &expression)
 {
-    OvraKb::HandleManager &api = OvraKb::PyApi();
-    OvraKb::GilGuard gil;
-    OvraKb::PyObjectPtr builtins(api.PyImport_ImportModule("builtins"));
-    OvraKb::PyObjectPtr value(api.PyObject_CallMethod(builtins.get(), "eval", "s{}", expression.c_str()));
-    long long out = -1;
-    if (value.get() == nullptr || api.PyArg_Parse(value.get(), "L", &out) == 0) {
-        api.PyErr_Print();
+    struct Runtime {
+        int (*ensure)() = reinterpret_cast<int (*)()>(dlsym(RTLD_DEFAULT, "PyGILState_Ensure"));
+        void (*release)(int) = reinterpret_cast<void (*)(int)>(dlsym(RTLD_DEFAULT, "PyGILState_Release"));
+        void *(*run)(const char *, int, void *, void *) =
+            reinterpret_cast<void *(*)(const char *, int, void *, void *)>(dlsym(RTLD_DEFAULT, "PyRun_String"));
+        void *(*newDict)() = reinterpret_cast<void *(*)()>(dlsym(RTLD_DEFAULT, "PyDict_New"));
+        long long (*asLongLong)(void *) = reinterpret_cast<long long (*)(void *)>(dlsym(RTLD_DEFAULT, "PyLong_AsLongLong"));
+        void (*decRef)(void *) = reinterpret_cast<void (*)(void *)>(dlsym(RTLD_DEFAULT, "Py_DecRef"));
+        void (*print)() = reinterpret_cast<void (*)()>(dlsym(RTLD_DEFAULT, "PyErr_Print"));
+    };
+    static const Runtime py;
+    constexpr int EVAL_INPUT = 258;  // Py_eval_input
+    int state = py.ensure();
+    void *globals = py.newDict();
+    void *value = py.run(expression.c_str(), EVAL_INPUT, globals, globals);
+    long long out = value != nullptr ? py.asLongLong(value) : -1;
+    if (value == nullptr) {
+        py.print();
     }
+    py.decRef(value);
+    py.decRef(globals);
+    py.release(state);
     return out;
 }
 

@@ -164,6 +164,24 @@ TEST(RealRuntime, LoadsOnceBindsEveryEntryAndReloadsAfterClose)
     }
 }
 
+// OVRA_KB_PYTHON names the interpreter of both queries, wherever it lies: the python3 on the path is not asked.
+TEST(RealRuntime, TheInterpreterThatTheDeploymentNamesAnswersBothQueries)
+{
+    TempDir dir;
+    PutFakePythonFirstOnPath(dir, "libpython3.so\n", "/nowhere\n");
+    const std::string folder = dir.File("it's a folder");
+    ASSERT_EQ(mkdir(folder.c_str(), 0755), 0);
+    ASSERT_EQ(symlink(TestPython().c_str(), (folder + "/python").c_str()), 0);
+    setenv("OVRA_KB_PYTHON", (folder + "/python").c_str(), 1);
+    LogCapture::Clear();
+    ASSERT_TRUE(Api().LaunchDynamicLib());
+    EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_EVENT, "handle_manager").back(),
+              "Load dynamic Python library[" + RuntimeLibraryPath(TestPython()) + "] successfully!");
+    EXPECT_EQ(access(dir.File("fake-args").c_str(), F_OK), -1) << "the python3 on the path was asked";
+    ASSERT_TRUE(Api().HandleClose());
+    unsetenv("OVRA_KB_PYTHON");
+}
+
 // Stub runtimes that lack the first, a middle and the last entry of the table.
 TEST(IncompleteRuntime, FailsAtTheMissingRowAndLooksUpNothingAfterIt)
 {

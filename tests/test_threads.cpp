@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -364,9 +366,25 @@ Dispositions SignalDispositions()
 
 void HostHandler(int) {}
 
-TEST_F(Threads, TheHostKeepsItsSignalDispositionsAcrossStartAndStop)
+// A SIGINT that comes while the library starts Python (here from its site customisation, while Python's own
+// handler is in place) is held, and reaches the host's own disposition once it is back: a host that keeps the
+// default dies of it, as it would have without the start-up. The host keeps its dispositions across start and stop.
+TEST_F(Threads, TheHostKeepsItsSignalDispositionsAndGetsTheInterruptOfTheStartUp)
 {
     const Dispositions before = SignalDispositions();
+    pid_t child = fork();
+    if (child == 0) {
+        // Only in this process: the library's queries run python3 processes of their own.
+        WriteFile(dir_.File("sitecustomize.py"), "import os, signal\nif os.getpid() == " + std::to_string(getpid()) +
+                                                     ":\n    os.kill(os.getpid(), signal.SIGINT)\n");
+        setenv("PYTHONPATH", (dir_.Path() + ":" + getenv("PYTHONPATH")).c_str(), 1);
+        OvraKbInit(SYS, LOAD);
+        _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGINT) << "wait status " << status;
+
     ASSERT_EQ(OvraKbInit(SYS, LOAD), 0U);
     EXPECT_EQ(SignalDispositions(), before);
     for (int signal : {SIGINT, SIGPIPE, SIGXFSZ}) {

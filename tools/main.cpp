@@ -25,6 +25,8 @@ int Dispatch(const OvraCli::Options &options)
             return OvraCli::RunExport(options);
         case OvraCli::Command::kStats:
             return OvraCli::RunStats(options);
+        case OvraCli::Command::kBackup:
+            return OvraCli::RunBackup(options);
         case OvraCli::Command::kDemo:
             return OvraCli::RunDemo(options);
         case OvraCli::Command::kDoctor:

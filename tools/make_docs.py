@@ -90,6 +90,8 @@ _ovra_kb() {
         COMPREPLY=($(compgen -W "$opts" -- "$cur"))
     elif [ "$command" = import ] || [ "$command" = export ]; then
         COMPREPLY=($(compgen -f -- "$cur"))
+    elif [ "$command" = backup ]; then
+        COMPREPLY=($(compgen -d -- "$cur"))
     fi
 }
 complete -F _ovra_kb ovra-kb

@@ -91,12 +91,16 @@ def search(library, keyword, config):
 
 
 def use_installed_package(library_path):
-    """Puts <prefix>/share/ovra_kb/python first on sys.path, for a library in <prefix>/lib, unless
-    the knowledge-base package is importable already."""
+    """Puts <prefix>/share/ovra_kb/python first on sys.path, for a library in <prefix>/lib or in a
+    multiarch <prefix>/lib/<triplet>, unless the knowledge-base package is importable already."""
     if importlib.util.find_spec("oxe") is not None:
         return
-    prefix = os.path.dirname(os.path.dirname(os.path.abspath(library_path)))
-    sys.path.insert(0, os.path.join(prefix, "share", "ovra_kb", "python"))
+    folder = os.path.dirname(os.path.abspath(library_path))
+    for prefix in (os.path.dirname(folder), os.path.dirname(os.path.dirname(folder))):
+        package = os.path.join(prefix, "share", "ovra_kb", "python")
+        if os.path.isdir(package):
+            sys.path.insert(0, package)
+            return
 
 
 def step(name, status):

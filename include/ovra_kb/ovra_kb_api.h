@@ -1,14 +1,30 @@
 /*
  * libovra_kb: a blocking C++ interface to a knowledge base written in Python.
  *
- * The five functions below are exported under plain (unmangled) names. They take
- * standard-library types by reference, so the caller must be built with a C++17
- * compiler against the same C++ standard library ABI as the library (libstdc++).
+ * The five functions below are exported under plain (unmangled) names; with the C interface
+ * of ovra_kb_c.h they are all that libovra_kb.so exports. They take standard-library types by
+ * reference, so the caller must be built with a C++17 compiler against the same C++ standard
+ * library ABI as the library (libstdc++); other callers use ovra_kb_c.h.
  *
  * Call order: OvraKbInit, then any number of OvraKbSearch / OvraKbWrite / OvraKbDelete
  * from any thread, then OvraKbFinalize. Several users may each call OvraKbInit; the
  * Python side starts once and is torn down by the finalisation that matches the first
- * initialisation still outstanding. Do not finalise while another thread's operation runs.
+ * initialisation still outstanding. That last finalisation waits for the calls other threads
+ * have in flight (a search waiting for its task ends with 3 at its next poll); calls that start
+ * while it runs, or after it, return 3. A Python host may finalise from a thread that holds the
+ * interpreter lock: it is given back while the finalisation waits.
+ *
+ * Threads: a thread cancelled (pthread_cancel) inside one of the five functions is not
+ * cancelled there; cancellation is held off until the call returns and takes effect at the
+ * thread's next cancellation point.
+ *
+ * Which Python: the library asks the interpreter that OVRA_KB_PYTHON names (a path), else the
+ * python3 on the search path, where its shared runtime lies. When it starts the interpreter,
+ * the folders of OVRA_KB_PYTHONPATH (separated by ':') go first on the module search path.
+ * When neither variable is set and no folder of the module search path holds the
+ * knowledge-base package, the folder installed beside this library
+ * (<libdir>/../share/ovra_kb/python) is tried last. Without these variables, and without an
+ * installed package, the library behaves as it always did.
  *
  * Called out of order, the functions return a status instead of crashing: search, write,
  * delete and finalise return 3 (after their configuration check, so a missing "op_type"
@@ -20,7 +36,11 @@
  * Signals: when this library starts the interpreter, it keeps the process's dispositions of
  * SIGINT, SIGPIPE and SIGXFSZ as the host had them (Python would install its own SIGINT
  * handler and ignore the other two), and keeps them again across the interpreter's
- * finalisation. A host that runs its own interpreter keeps whatever it set up.
+ * finalisation. While the library brings the Python side up or down (its python3 queries
+ * included), SIGINT is blocked on the calling thread: one that arrives is held and reaches the
+ * host's own disposition once the start-up or tear-down is over, as if it had not been there. A multi-threaded host should block SIGINT on its other threads too (or handle it on
+ * one thread of its own), since a signal sent to the process may reach any thread that does
+ * not block it. A host that runs its own interpreter keeps whatever it set up.
  *
  * Nothing a call leaves behind changes a later call: a Python error left pending by a refused
  * call is discarded when the call gives back a thread state this library owns (a native
@@ -45,6 +65,7 @@
 #include <string>
 #include <vector>
 
+#include "ovra_kb/export.h"
 #include "ovra_kb/version.h"
 
 namespace OvraKb {
@@ -83,7 +104,7 @@ extern "C" {
  * another user's initialisation); the failed call leaves the Python side up until the process
  * ends.
  */
-std::uint32_t OvraKbInit(const OvraKb::StrMap &sysConfigMap, const OvraKb::StrMap &loadConfigMap);
+OVRA_KB_EXPORT std::uint32_t OvraKbInit(const OvraKb::StrMap &sysConfigMap, const OvraKb::StrMap &loadConfigMap);
 
 /*
  * Calls the knowledge base's "ovra_kb_finalize"; only if that succeeded, releases one user
@@ -91,7 +112,7 @@ std::uint32_t OvraKbInit(const OvraKb::StrMap &sysConfigMap, const OvraKb::StrMa
  * the runtime it loaded). Returns 0, or 6 when the module is missing or raised; the Python
  * side then stays up and a later call tries again. Returns 3 when the Python side is not up.
  */
-std::uint32_t OvraKbFinalize();
+OVRA_KB_EXPORT std::uint32_t OvraKbFinalize();
 
 /*
  * Searches the knowledge base and blocks until the module reports completion.
@@ -103,7 +124,7 @@ std::uint32_t OvraKbFinalize();
  * 4; 5; or 6 when the module is missing, raised, or answered the request with anything but a
  * non-empty str.
  */
-std::uint32_t OvraKbSearch(const std::string &keyword, const OvraKb::StrMap &searchConfigMap,
+OVRA_KB_EXPORT std::uint32_t OvraKbSearch(const std::string &keyword, const OvraKb::StrMap &searchConfigMap,
                            std::vector<OvraKb::StrMap> &results);
 
 /*
@@ -115,13 +136,13 @@ std::uint32_t OvraKbSearch(const std::string &keyword, const OvraKb::StrMap &sea
  * Returns 0; 2 for a missing "op_type"; 3 when the Python side is not up; 4; 5; or 6 when
  * the module is missing, raised, or answered anything but the integer 0.
  */
-std::uint32_t OvraKbWrite(const std::string &keyword, const std::string &knowledge,
+OVRA_KB_EXPORT std::uint32_t OvraKbWrite(const std::string &keyword, const std::string &knowledge,
                           const OvraKb::StrMap &writeConfigMap, const bool &flag);
 
 /*
  * Deletes one record; parameters and statuses as for OvraKbWrite, without knowledge.
  */
-std::uint32_t OvraKbDelete(const std::string &keyword, const OvraKb::StrMap &writeConfigMap, const bool &flag);
+OVRA_KB_EXPORT std::uint32_t OvraKbDelete(const std::string &keyword, const OvraKb::StrMap &writeConfigMap, const bool &flag);
 
 }  // extern "C"
 

@@ -36,6 +36,8 @@
 
 #include <stddef.h>
 
+#include "ovra_kb/export.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -78,11 +80,11 @@ typedef struct OvraKbCResult OvraKbCResult;
  * Other keys are ignored. Returns 0, 2, 3, 4, 5 or 6 as OvraKbInit does (a NULL argument gives
  * 4 without bringing anything up).
  */
-OvraKbCStatus OvraKbCInit(const OvraKbCPair *sysConfig, size_t sysCount, const OvraKbCPair *loadConfig,
+OVRA_KB_EXPORT OvraKbCStatus OvraKbCInit(const OvraKbCPair *sysConfig, size_t sysCount, const OvraKbCPair *loadConfig,
                           size_t loadCount);
 
 /* Finalises the knowledge base and releases one user of the Python side; as OvraKbFinalize. */
-OvraKbCStatus OvraKbCFinalize(void);
+OVRA_KB_EXPORT OvraKbCStatus OvraKbCFinalize(void);
 
 /*
  * Searches and blocks until the knowledge base has answered.
@@ -92,7 +94,7 @@ OvraKbCStatus OvraKbCFinalize(void);
  *                 free it with OvraKbCResultFree.
  * Returns 0, 2, 3, 4, 5 or 6 as OvraKbSearch does.
  */
-OvraKbCStatus OvraKbCSearch(const char *keyword, const OvraKbCPair *searchConfig, size_t searchCount,
+OVRA_KB_EXPORT OvraKbCStatus OvraKbCSearch(const char *keyword, const OvraKbCPair *searchConfig, size_t searchCount,
                             OvraKbCResult **result);
 
 /*
@@ -101,28 +103,28 @@ OvraKbCStatus OvraKbCSearch(const char *keyword, const OvraKbCPair *searchConfig
  *   flag:        non-zero asks the knowledge base to make the record durable before returning.
  * Returns 0, 2, 3, 4, 5 or 6 as OvraKbWrite does.
  */
-OvraKbCStatus OvraKbCWrite(const char *keyword, const char *knowledge, const OvraKbCPair *writeConfig,
+OVRA_KB_EXPORT OvraKbCStatus OvraKbCWrite(const char *keyword, const char *knowledge, const OvraKbCPair *writeConfig,
                            size_t writeCount, int flag);
 
 /* Deletes one record; parameters and statuses as for OvraKbCWrite, without knowledge. */
-OvraKbCStatus OvraKbCDelete(const char *keyword, const OvraKbCPair *writeConfig, size_t writeCount, int flag);
+OVRA_KB_EXPORT OvraKbCStatus OvraKbCDelete(const char *keyword, const OvraKbCPair *writeConfig, size_t writeCount, int flag);
 
 /* The number of rows; 0 for NULL. */
-size_t OvraKbCResultRowCount(const OvraKbCResult *result);
+OVRA_KB_EXPORT size_t OvraKbCResultRowCount(const OvraKbCResult *result);
 
 /* The number of entries of row `row`; 0 when there is no such row. */
-size_t OvraKbCResultEntryCount(const OvraKbCResult *result, size_t row);
+OVRA_KB_EXPORT size_t OvraKbCResultEntryCount(const OvraKbCResult *result, size_t row);
 
 /* The key and the value of entry `entry` of row `row`; NULL when there is no such entry. */
-const char *OvraKbCResultKey(const OvraKbCResult *result, size_t row, size_t entry);
-const char *OvraKbCResultValue(const OvraKbCResult *result, size_t row, size_t entry);
+OVRA_KB_EXPORT const char *OvraKbCResultKey(const OvraKbCResult *result, size_t row, size_t entry);
+OVRA_KB_EXPORT const char *OvraKbCResultValue(const OvraKbCResult *result, size_t row, size_t entry);
 
 /* The value stored under `key` in row `row`; NULL when the row, or the key in it, is absent
  * (or key is NULL). */
-const char *OvraKbCResultLookup(const OvraKbCResult *result, size_t row, const char *key);
+OVRA_KB_EXPORT const char *OvraKbCResultLookup(const OvraKbCResult *result, size_t row, const char *key);
 
 /* Releases a result and every string it handed out. NULL is accepted and does nothing. */
-void OvraKbCResultFree(OvraKbCResult *result);
+OVRA_KB_EXPORT void OvraKbCResultFree(OvraKbCResult *result);
 
 #ifdef __cplusplus
 } /* extern "C" */

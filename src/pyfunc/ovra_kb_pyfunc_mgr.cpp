@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <signal.h>
+#include <limits.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -53,6 +54,82 @@ class HostSignalDispositions {
     static constexpr std::array<int, 3> KEPT_SIGNALS = {SIGINT, SIGPIPE, SIGXFSZ};
     std::array<struct sigaction, KEPT_SIGNALS.size()> saved_{};
 };
+
+// While the Python side comes up or goes down, SIGINT is blocked on this thread, and so on the python3
+// processes that the discovery queries start: one that comes is held, and reaches the host's own disposition
+// once the start-up or the tear-down is over, instead of Python's handler (which would lose it or break the
+// start-up), an interrupted query, or a query process killed halfway.
+class InterruptHeld {
+  public:
+    InterruptHeld()
+    {
+        sigset_t interrupt;
+        sigemptyset(&interrupt);
+        sigaddset(&interrupt, SIGINT);
+        (void)pthread_sigmask(SIG_BLOCK, &interrupt, &saved_);
+    }
+    ~InterruptHeld() { (void)pthread_sigmask(SIG_SETMASK, &saved_, nullptr); }
+    InterruptHeld(const InterruptHeld &) = delete;
+    InterruptHeld &operator=(const InterruptHeld &) = delete;
+
+  private:
+    sigset_t saved_{};
+};
+
+// Where the interpreter finds the knowledge-base package. A deployment puts folders in front of the module
+// search path with OVRA_KB_PYTHONPATH (when this library starts the interpreter); without it, and without
+// OVRA_KB_PYTHON, a package that no folder of the path holds is looked for last in the folder installed beside
+// this library. The caller holds the lock; a failure here only shows as the imports' own failure.
+const char *const PREPARE_PACKAGE_PATH =
+    "import os, sys\n"
+    "if front is not None:\n"
+    "    sys.path[0:0] = [entry for entry in front.split(os.pathsep) if entry]\n"
+    "elif installed and os.path.isdir(installed) and installed not in sys.path:\n"
+    "    import importlib.util\n"
+    "    def found(name):\n"
+    "        try:\n"
+    "            return importlib.util.find_spec(name) is not None\n"
+    "        except Exception:\n"
+    "            return False\n"
+    "    if not all(found(name) for name in modules):\n"
+    "        sys.path.append(installed)\n";
+
+const char *NonEmptyEnv(const char *name)
+{
+    const char *value = getenv(name);
+    return value != nullptr && *value != '\0' ? value : nullptr;
+}
+
+// The package folder of an installation: this library's own folder, then the relative path from the library
+// folder to the data folder that the build was configured with.
+std::string InstalledPackageFolder()
+{
+    Dl_info self{};
+    char resolved[PATH_MAX];
+    if (dladdr(reinterpret_cast<void *>(&InstalledPackageFolder), &self) == 0 || self.dli_fname == nullptr ||
+        realpath(self.dli_fname, resolved) == nullptr) {
+        return "";
+    }
+    std::string library(resolved);
+    return library.substr(0, library.rfind('/') + 1) + OVRA_KB_PACKAGE_FROM_LIBDIR;
+}
+
+void PreparePackagePath(bool interpreterIsOurs)
+{
+    HandleManager &api = PyApi();
+    const char *front = NonEmptyEnv("OVRA_KB_PYTHONPATH");
+    bool chosen = front != nullptr || NonEmptyEnv("OVRA_KB_PYTHON") != nullptr;
+    std::string installed = chosen ? "" : InstalledPackageFolder();
+    PyObjectPtr builtins(api.PyImport_ImportModule("builtins"));
+    PyObjectPtr done(builtins.get() == nullptr
+                         ? nullptr
+                         : api.PyObject_CallMethod(builtins.get(), "exec", "s{s:z,s:s,s:(ss)}", PREPARE_PACKAGE_PATH,
+                                                   "front", interpreterIsOurs ? front : nullptr, "installed",
+                                                   installed.c_str(), "modules", KB_INTERFACE_MODULE, KB_LOG_MODULE));
+    if (done.get() == nullptr) {
+        PyWrapper::DiscardPendingError();
+    }
+}
 
 // OVRA_KB_RELEASE_KEPT=1 when the Python side comes up turns release mode on until it goes down.
 bool ReleaseKeptRequested()
@@ -382,6 +459,7 @@ bool OvraKbPyfuncMgr::PyObjectInit()
         ++reference_;
         return true;
     }
+    InterruptHeld interruptHeld;
     HandleManager &api = PyApi();
     PyWrapper::SetReleaseKept(ReleaseKeptRequested());
     // A runtime already in the global scope (the host's, or one loaded earlier) is used as it is.
@@ -398,6 +476,7 @@ bool OvraKbPyfuncMgr::PyObjectInit()
     bool result = false;
     {
         GilGuard gil;
+        PreparePackagePath(!pyAlreadyInited_);
         PyWrapper::g_pyFormatExceptionFunc = PyWrapper::GetFormatExcetpionFunc();
         PyObjectPtr logModule = PyWrapper::ImportModule(KB_LOG_MODULE);
         if (logModule.get() == nullptr) {
@@ -435,6 +514,7 @@ void OvraKbPyfuncMgr::PyObjectDeinit()
         OVRA_KB_LOG(OVRA_LEVEL_INFO, "PyObject does not need to deinit");
         return;
     }
+    InterruptHeld interruptHeld;
     {
         GilGuard gil;
         ovraKbInterface_.ResetObject();

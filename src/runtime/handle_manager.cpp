@@ -3,6 +3,8 @@
 #include <dlfcn.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 #include "common/common.h"
 
@@ -15,6 +17,20 @@ const char *const PYTHON_LIB_NAME_CMD =
     "python3 -c \"import sysconfig; print(sysconfig.get_config_var(\\\"LDLIBRARY\\\"))\"";
 const char *const PYTHON_LIB_DIR_CMD =
     "python3 -c \"import sysconfig; print(sysconfig.get_config_var(\\\"LIBDIR\\\"))\"";
+
+// The interpreter that the queries ask: the one OVRA_KB_PYTHON names, else the python3 on the search path.
+std::string WithChosenPython(const char *command)
+{
+    const char *chosen = getenv("OVRA_KB_PYTHON");
+    if (chosen == nullptr || *chosen == '\0') {
+        return command;
+    }
+    std::string quoted = "'";
+    for (const char *c = chosen; *c != '\0'; ++c) {
+        quoted += *c == '\'' ? std::string("'\\''") : std::string(1, *c);
+    }
+    return quoted + "'" + (command + std::strlen("python3"));
+}
 
 // dlerror() is read only for a line that will be written, so that an unread error stays for a later caller.
 const char *DlErrorText()
@@ -51,7 +67,7 @@ std::string GetPythonConfigByCmd(std::string cmd)
 
 std::string GetPythonLibName()
 {
-    std::string name = GetPythonConfigByCmd(PYTHON_LIB_NAME_CMD);
+    std::string name = GetPythonConfigByCmd(WithChosenPython(PYTHON_LIB_NAME_CMD));
     if (!name.empty() && name.find(".so") != std::string::npos) {
         return name;
     }
@@ -79,7 +95,7 @@ bool HandleManager::LaunchDynamicLib()
         OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Failed to get python3 lib name when trying to load library.");
         return false;
     }
-    std::string dir = GetPythonConfigByCmd(PYTHON_LIB_DIR_CMD);
+    std::string dir = GetPythonConfigByCmd(WithChosenPython(PYTHON_LIB_DIR_CMD));
     if (dir.empty()) {
         OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Failed to get python3 lib dir when trying to load library.");
         return false;

@@ -73,6 +73,11 @@ std::string FixturesBinaryDir()
     return OVRA_TEST_FIXTURES_BINARY_DIR;
 }
 
+std::string TestsSourceDir()
+{
+    return OVRA_TEST_SOURCE_DIR;
+}
+
 TempDir::TempDir()
 {
     const char *base = getenv("TMPDIR");

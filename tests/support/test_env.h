@@ -28,6 +28,7 @@ std::string RuntimeLibraryPath(const std::string &python);
 // Opens the test interpreter's runtime library into the global scope, as a host that embeds Python does.
 void *OpenRuntimeGlobally();
 std::string FixturesBinaryDir();  // the stub runtimes
+std::string TestsSourceDir();     // tests/ of the source tree
 
 // A fresh directory, removed with its contents when the object goes.
 class TempDir {
