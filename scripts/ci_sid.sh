@@ -45,9 +45,11 @@ skip() {
   exit 0
 }
 
-# The namespace's own processes, as a command that runs in a fresh private mount and PID namespace.
+# Runs a command in a fresh private mount and PID namespace, whose mounts and processes all end when its
+# first process does: that process leaves at SIGINT or SIGTERM without waiting for the command.
 in_namespace() {
-  unshare --mount --pid --fork --propagation private -- "$@"
+  unshare --mount --pid --fork --kill-child --propagation private -- \
+    bash -c 'trap "exit 130" INT; trap "exit 143" TERM; "$@" & wait $!' namespace "$@"
 }
 
 # Runs a command in the chroot with a clean environment, /proc, /dev and a scratch /tmp mounted.
