@@ -76,7 +76,13 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # The package provides the two libraries to others (shlibs) and has the loader's cache renewed (trigger).
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 file(WRITE "${PROJECT_BINARY_DIR}/deb/triggers" "activate-noawait ldconfig\n")
-set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA "${PROJECT_BINARY_DIR}/deb/triggers")
+# The trigger is all the loader's cache needs. CPack would add postinst and postrm scripts that run ldconfig
+# as well unless the package names its own: naming files that do not exist keeps them out of the package.
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA "${PROJECT_BINARY_DIR}/deb/triggers"
+  "${PROJECT_BINARY_DIR}/deb/left-out-on-purpose/postinst" "${PROJECT_BINARY_DIR}/deb/left-out-on-purpose/postrm")
+# What lintian would say about a library packaged with its development files and command, and why that is so.
+set(CPACK_OVRA_KB_LINTIAN_OVERRIDES "${PROJECT_SOURCE_DIR}/cmake/templates/lintian-overrides")
+set(CPACK_PRE_BUILD_SCRIPTS "${PROJECT_SOURCE_DIR}/cmake/OvraKbDebExtras.cmake")
 # The library loads the runtime that python3 names as its LDLIBRARY, libpython3.X.so, which Debian ships in
 # libpython3.X-dev (libpython3-dev depends on the one of the default python3).
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "python3 (>= 3.6), libpython3-dev")

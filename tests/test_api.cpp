@@ -337,7 +337,14 @@ struct FaultCase {
     std::string lastTracebackLine;  // empty: nothing raised, nothing reported
     std::string code;
     StrMap details = {};  // of the report; empty: the fallback, "result" = the last traceback line and a full stop
+    std::string suggested = {};  // the module CPython 3.15 and later name after the line: ". Did you mean: '...'?"
 };
+
+std::string LastTracebackLine(const FaultCase &c)
+{
+    const bool suggests = !c.suggested.empty() && TestPythonVersion() >= 315;
+    return c.lastTracebackLine + (suggests ? ". Did you mean: '" + c.suggested + "'?" : "");
+}
 
 // Named by its label: printed byte by byte, the case would show its padding, which memcheck reports.
 void PrintTo(const FaultCase &c, std::ostream *out)
@@ -359,9 +366,9 @@ TEST_P(Faults, GiveTheirStatusAndLinesAndTheProcessGoesOn)
     if (c.code.empty()) {
         EXPECT_TRUE(ErrorReports().empty());
     } else {
-        const StrMap fallback = {{"result", c.lastTracebackLine + "."}};
+        const StrMap fallback = {{"result", LastTracebackLine(c) + "."}};
         EXPECT_EQ(ErrorReports(), (Reports{{c.code, c.details.empty() ? fallback : c.details}}));
-        EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_ERROR, "pywrapper").back(), c.lastTracebackLine + "\n");
+        EXPECT_EQ(LogCapture::Messages(OVRA_LEVEL_ERROR, "pywrapper").back(), LastTracebackLine(c) + "\n");
     }
 
     LogCapture::Clear();
@@ -399,12 +406,16 @@ INSTANTIATE_TEST_SUITE_P(
                   [](const TempDir &) { UsePackages({"log"}); },
                   {IMPORT_FAILED, "PyObjectInit: Run Init error."},
                   "ModuleNotFoundError: No module named 'oxe.common.repository_manager.interface'",
-                  "EC0010"},
+                  "EC0010",
+                  {},
+                  "oxe.common.repository_manager.utils"},
         FaultCase{"log_module_missing",
                   [](const TempDir &) { UsePackages({"kb"}); },
                   {"PyObjectInit: Import repository_manager_log error"},
                   "ModuleNotFoundError: No module named 'oxe.common.repository_manager.utils'",
-                  "EC0010"},
+                  "EC0010",
+                  {},
+                  "oxe.common.repository_manager.interface"},
         FaultCase{"knowledge_module_raises_at_import",
                   [](const TempDir &) { setenv("OVRA_TEST_IMPORT_ERROR", "1", 1); },
                   {IMPORT_FAILED, "PyObjectInit: Run Init error."},

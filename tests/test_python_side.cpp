@@ -2,6 +2,8 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "interface/py_interface.h"
 #include "log_capture.h"
 #include "pyfunc/ovra_kb_pyfunc_mgr.h"

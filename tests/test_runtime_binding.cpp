@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+
 #include "log_capture.h"
 #include "runtime/handle_manager.h"
 #include "test_env.h"

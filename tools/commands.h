@@ -2,6 +2,13 @@
 #ifndef OVRA_KB_TOOLS_COMMANDS_H
 #define OVRA_KB_TOOLS_COMMANDS_H
 
+#include <signal.h>
+
+#include <csignal>
+#include <cstddef>
+#include <functional>
+#include <string>
+
 #include "knowledge_base.h"
 #include "options.h"
 
@@ -13,6 +20,7 @@ int RunDelete(const Options &options);
 int RunImport(const Options &options);
 int RunExport(const Options &options);
 int RunStats(const Options &options);
+int RunBackup(const Options &options);
 int RunDemo(const Options &options);
 int RunDoctor(const Options &options);
 
@@ -22,26 +30,36 @@ std::string FirstPythonProblem();
 // The bank of --bank, or the default one.
 std::string BankDir(const Options &options);
 
-// 0 when the command may open `bank`: it exists, or the command is one that creates a bank. Otherwise says
-// that there is no bank there and answers the exit status.
-int RefuseMissingBank(const Options &options, const std::string &bank);
+// "-" names standard input (import, write's knowledge) or standard output (export).
+extern const char kStandardStream[];
+// "standard input" for "-", else the operand itself.
+std::string ShownFile(const std::string &operand);
+// "1 record", "2 records".
+std::string Plural(std::size_t count, const char *noun);
+
+// Set when Ctrl-C (SIGINT) reached an InterruptCatcher.
+extern volatile std::sig_atomic_t gInterrupted;
+
+// While it lives, Ctrl-C only sets gInterrupted, so that a command can stop where it is safe and say what it did.
+class InterruptCatcher {
+  public:
+    InterruptCatcher();
+    ~InterruptCatcher();
+    InterruptCatcher(const InterruptCatcher &) = delete;
+    InterruptCatcher &operator=(const InterruptCatcher &) = delete;
+
+  private:
+    struct sigaction previous_ = {};
+};
+
+// How a command meets Ctrl-C once the knowledge base is up: it ends at once, as any program does, or its body
+// watches gInterrupted and stops between two steps (import, export).
+enum class InterruptHandling { kEndAtOnce, kBetweenSteps };
 
 // Opens a session for the options, runs `body` with it and closes it; the first failure gives the exit status.
-template <typename Body>
-int WithSession(const Options &options, const std::string &bank, Body &&body)
-{
-    if (const int missing = RefuseMissingBank(options, bank)) {
-        return missing;
-    }
-    KbSession session(KbSettings{bank, options.soc, options.cores, options.verbose});
-    const CallOutcome opened = session.Open();
-    if (!opened.Ok()) {
-        return ReportFailure(opened, options.opType);
-    }
-    const int status = body(session);
-    const CallOutcome closed = session.Close();
-    return status == 0 && !closed.Ok() ? ReportFailure(closed, options.opType) : status;
-}
+// Ctrl-C while the knowledge base starts is held until it is up, then ends the command with one line (exit 130).
+int WithSession(const Options &options, const std::string &bank, const std::function<int(KbSession &)> &body,
+                InterruptHandling handling = InterruptHandling::kEndAtOnce);
 
 }  // namespace OvraCli
 

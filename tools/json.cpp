@@ -24,12 +24,59 @@ void AppendUtf8(std::string &out, unsigned long codePoint)
     }
 }
 
+// The length of the UTF-8 sequence that starts at `at`, or 0 when it is not one that Python decodes: no
+// overlong form, no surrogate, nothing above U+10FFFF.
+std::size_t Utf8SequenceAt(std::string_view text, std::size_t at)
+{
+    const auto byte = [&](std::size_t i) {
+        return at + i < text.size() ? static_cast<unsigned char>(text[at + i]) : 0;
+    };
+    const unsigned lead = byte(0);
+    const bool tail1 = (byte(1) & 0xC0) == 0x80;
+    const bool tail2 = tail1 && (byte(2) & 0xC0) == 0x80;
+    const bool tail3 = tail2 && (byte(3) & 0xC0) == 0x80;
+    if (lead < 0x80) {
+        return 1;
+    }
+    if (lead >= 0xC2 && lead <= 0xDF) {
+        return tail1 ? 2 : 0;
+    }
+    if (lead >= 0xE0 && lead <= 0xEF) {
+        const bool overlong = lead == 0xE0 && byte(1) < 0xA0;
+        const bool surrogate = lead == 0xED && byte(1) >= 0xA0;
+        return tail2 && !overlong && !surrogate ? 3 : 0;
+    }
+    if (lead >= 0xF0 && lead <= 0xF4) {
+        const bool overlong = lead == 0xF0 && byte(1) < 0x90;
+        const bool beyond = lead == 0xF4 && byte(1) >= 0x90;
+        return tail3 && !overlong && !beyond ? 4 : 0;
+    }
+    return 0;
+}
+
+std::size_t FirstInvalidUtf8(std::string_view text)
+{
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t length = Utf8SequenceAt(text, at);
+        if (length == 0) {
+            return at;
+        }
+        at += length;
+    }
+    return std::string_view::npos;
+}
+
 class Reader {
   public:
-    explicit Reader(const std::string &text) : text_(text) {}
+    explicit Reader(std::string_view text) : text_(text) {}
 
     bool ReadObject(JsonObject &object)
     {
+        const std::size_t invalid = FirstInvalidUtf8(text_);
+        if (invalid != std::string_view::npos) {
+            pos_ = invalid;
+            return Fail("a byte that is not UTF-8");
+        }
         if (!Expect('{')) {
             return false;
         }
@@ -78,7 +125,11 @@ class Reader {
 
     bool Expect(char c) { return Consume(c) || Fail(std::string("expected '") + c + "'"); }
 
-    bool AtEnd() { return Peek() == '\0' || Fail("unexpected text after the object"); }
+    bool AtEnd()
+    {
+        Peek();
+        return pos_ == text_.size() || Fail("unexpected text after the object");
+    }
 
     bool ReadValueString(const std::string &key, std::string &value)
     {
@@ -172,7 +223,7 @@ class Reader {
         return true;
     }
 
-    const std::string &text_;
+    std::string_view text_;
     std::size_t pos_ = 0;
     std::string error_;
 };
@@ -221,7 +272,7 @@ std::string FormatJsonObject(const JsonObject &object)
     return out + "}";
 }
 
-bool ParseJsonObject(const std::string &text, JsonObject &object, std::string &error)
+bool ParseJsonObject(std::string_view text, JsonObject &object, std::string &error)
 {
     Reader reader(text);
     if (reader.ReadObject(object)) {

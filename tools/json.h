@@ -4,6 +4,7 @@
 
 #include <map>
 #include <string>
+#include <string_view>
 
 namespace OvraCli {
 
@@ -16,8 +17,9 @@ std::string JsonString(const std::string &text);
 // {"key": "value", ...} on one line, keys in the map's order.
 std::string FormatJsonObject(const JsonObject &object);
 
-// Parses one object whose values are all strings. On failure returns false and says why in `error`.
-bool ParseJsonObject(const std::string &text, JsonObject &object, std::string &error);
+// Parses one object whose values are all strings, from text in UTF-8 as JSON requires (Python refuses any
+// other text, so an invalid byte is an error wherever it stands). On failure returns false and says why in `error`.
+bool ParseJsonObject(std::string_view text, JsonObject &object, std::string &error);
 
 }  // namespace OvraCli
 

@@ -41,10 +41,12 @@ class KbSession {
 
     // Finds the package, then initialises the library for the bank and the chip.
     CallOutcome Open();
-    // Initialises once more for another chip of the same bank: later calls work on that chip.
+    // Initialises for another chip of the same bank, then finalises once for the previous one (in this order,
+    // so that the library's users never drop to none, which would stop the interpreter): later calls work on
+    // that chip.
     CallOutcome SwitchChip(const std::string &soc, const std::string &cores);
-    // Finalises once for every initialisation that succeeded, and only for those: a refused one is owed
-    // nothing, and finalising for it could end another user's session.
+    // Finalises once for every initialisation that succeeded and was not undone, and only for those: a refused
+    // one is owed nothing, and finalising for it could end another user's session.
     CallOutcome Close();
 
     // An empty `opType` is left out of the configuration, so the library answers status 2.

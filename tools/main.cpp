@@ -25,6 +25,8 @@ int Dispatch(const OvraCli::Options &options)
             return OvraCli::RunExport(options);
         case OvraCli::Command::kStats:
             return OvraCli::RunStats(options);
+        case OvraCli::Command::kBackup:
+            return OvraCli::RunBackup(options);
         case OvraCli::Command::kDemo:
             return OvraCli::RunDemo(options);
         case OvraCli::Command::kDoctor:
@@ -48,7 +50,8 @@ int main(int argc, char **argv)
         return OvraCli::kExitUsage;
     }
     if (options.version) {
-        std::printf("ovra-kb %s\n", OVRA_KB_VERSION_STRING);
+        std::printf("ovra-kb %s\nproven on %s, shared builds with the global interpreter lock\n",
+                    OVRA_KB_VERSION_STRING, OvraCli::ProvenPythons().c_str());
         return 0;
     }
     if (options.help) {

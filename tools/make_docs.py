@@ -44,7 +44,7 @@ def roff(text):
 
 def man_page(cli):
     overview = run(cli, "--help")
-    version = run(cli, "--version").split()[-1]
+    version = run(cli, "--version").split()[1]
     summary = overview.splitlines()[0].split(": ", 1)[1].rstrip(".")
     out = [".TH OVRA-KB 1 \"\" \"ovra-kb %s\" \"User Commands\"" % version,
            ".SH NAME", "ovra-kb \\- %s" % roff(summary),
@@ -90,6 +90,8 @@ _ovra_kb() {
         COMPREPLY=($(compgen -W "$opts" -- "$cur"))
     elif [ "$command" = import ] || [ "$command" = export ]; then
         COMPREPLY=($(compgen -f -- "$cur"))
+    elif [ "$command" = backup ]; then
+        COMPREPLY=($(compgen -d -- "$cur"))
     fi
 }
 complete -F _ovra_kb ovra-kb

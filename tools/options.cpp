@@ -37,36 +37,48 @@ const CommandInfo kCommands[] = {
      "\"core_num\": \"...\"}\n"
      "(a line without op_type takes --op-type, one without soc_version and core_num the chip of --soc and\n"
      "--cores; other fields are ignored; blank lines are skipped). Each record goes to its own chip.\n"
-     "Every line is checked before the first write, so a malformed file writes nothing; texts holding a\n"
-     "NUL character are refused there too, since the knowledge base would cut them at it.\n"
-     "Records are written without waiting for the disk except the last one, which is made durable;\n"
-     "the knowledge base's durable commit also makes the earlier ones durable.\n"
-     "Files of 1000 records or more show their progress on standard error. A record that the knowledge base\n"
-     "refuses stops the import there; the records before it stay written. Ctrl-C stops it between two\n"
-     "records (exit 130) and says how many were written, each whole and durable.\n"},
+     "Every line is checked first as the knowledge base would (UTF-8, no NUL character, a keyword, an op\n"
+     "type other than '*', a chip name and a positive core count), so a file it would refuse in part writes\n"
+     "nothing and the error names FILE:LINE. The records are then written in the order of the file,\n"
+     "without waiting for the disk except the last one, which is made durable; the knowledge base's\n"
+     "durable commit also makes the earlier ones durable.\n"
+     "Long files show their progress on standard error. A record that the knowledge base still refuses\n"
+     "stops the import there; the records before it stay written. Ctrl-C stops it (exit 130) and says how\n"
+     "many records were written, each whole and durable.\n"},
     {Command::kExport, "export", "export [FILE] [--one-chip] [options]", 0, 1,
      "Writes every record of the bank, of every chip and every op type (or only of --op-type when it is\n"
-     "given), as JSON lines with their chip to FILE, or to standard output without FILE (or with -); a\n"
-     "file appears only once complete. Ctrl-C stops it (exit 130) and writes no file. The output of\n"
-     "export is the input of import, which puts each record back to its chip.\n"
+     "given), as JSON lines with their chip to FILE, or to standard output without FILE (or with -). FILE\n"
+     "changes only once the export is complete and on disk: Ctrl-C (exit 130), a failure or a crash leaves\n"
+     "it as it was. A new FILE gets the mode that the umask gives, an existing one keeps its mode, and a\n"
+     "symbolic link stays a link to the file written. The output of export is the input of import, which\n"
+     "puts each record back to its chip.\n"
      "  --one-chip     only the records of the chip of --soc and --cores, in lines without a chip: import\n"
      "                 writes such lines to the chip of its own --soc and --cores\n"},
     {Command::kStats, "stats", "stats [--json] [options]", 0, 0,
      "Lists the chips of the bank (soc_version and core_num) with the number of records of each.\n"},
+    {Command::kBackup, "backup", "backup DIR [options]", 1, 1,
+     "Copies the whole bank into DIR, a new or empty directory, as it is at one moment, while other\n"
+     "processes go on writing to it (SQLite's online backup; copying the files of a bank in use with cp\n"
+     "can give a damaged copy). The copy is checked and appears in DIR only once complete. It is a bank\n"
+     "of its own: use it with --bank DIR, or to restore, put it in the place of the bank while no process\n"
+     "uses the bank. A bank on a PostgreSQL server is backed up with the server's own tools (pg_dump):\n"
+     "the command names the pg_dump command for it instead.\n"},
     {Command::kDemo, "demo", "demo [options]", 0, 0,
      "Shows the knowledge base at work: writes a few records under two op types into a fresh bank,\n"
      "searches them exactly, by prefix and all at once, deletes one, and tells each step.\n"
      "The bank is a temporary directory, removed at the end, unless --bank names an empty or new one.\n"},
     {Command::kDoctor, "doctor", "doctor [--json] [options]", 0, 0,
-     "Checks what the knowledge base needs, one line per check, each \"ok\" or the fix to apply:\n"
+     "Checks what the knowledge base needs, one line per check, each \"ok\", \"warn\" (it works, but mind\n"
+     "what follows) or the fix to apply:\n"
      "  python3    which python3 the search path finds (and what a version-manager shim costs)\n"
      "  LDLIBRARY  and LIBDIR: the answers the library asks python3 for\n"
      "  runtime    that file exists and is a shared library exporting the 47 entry points bound\n"
-     "  modules    the knowledge-base module and its log module import with the PYTHONPATH used\n"
+     "  modules    the folder that the knowledge-base module and its log module import from, and why\n"
      "  bank       the bank directory (--bank) is writable, or its PostgreSQL server answers\n"
      "  database   the bank's database passes SQLite's quick integrity check\n"
-     "  --json     a JSON array of {\"check\", \"ok\", \"detail\"} objects instead of lines\n"
-     "Exits with 0 when every check passes, 1 otherwise.\n"},
+     "  release mode  whether OVRA_KB_RELEASE_KEPT=1 has the library release what it keeps on purpose\n"
+     "  --json     a JSON array of {\"check\", \"detail\", \"ok\", \"warning\"} objects instead of lines\n"
+     "Exits with 0 when no check needs a fix, 1 otherwise.\n"},
 };
 
 const char kCommonOptions[] =
@@ -80,13 +92,14 @@ const char kCommonOptions[] =
     "                   is passed on as missing, which the library refuses with status 2\n"
     "  --verbose        show the library's log lines (OVRA_LOG_LEVEL=info with event lines);\n"
     "                   otherwise they are off unless OVRA_LOG_LEVEL is set\n"
-    "  -h, --help       this help; -V, --version prints the version\n";
+    "  -h, --help       this help; -V, --version prints the version and the CPython versions proven\n";
 
 const char kPackageLookup[] =
     "The knowledge-base package (oxe.common.repository_manager) is imported by the python3 on the\n"
-    "search path. When python3 cannot import it with the PYTHONPATH given, ovra-kb puts in front of\n"
-    "PYTHONPATH, in this order: $OVRA_KB_PYTHON_DIR, <dir of ovra-kb>/../share/ovra_kb/python and,\n"
-    "when ovra-kb runs from its build tree, the source tree's python/.\n";
+    "search path, or the one that $OVRA_KB_PYTHON names, with $OVRA_KB_PYTHONPATH in front of the\n"
+    "PYTHONPATH. When that cannot import it, ovra-kb puts in front of PYTHONPATH, in this order:\n"
+    "$OVRA_KB_PYTHON_DIR, <dir of ovra-kb>/../share/ovra_kb/python and, when ovra-kb runs from its\n"
+    "build tree, the source tree's python/; the library itself looks last beside its own folder.\n";
 
 const char kExitStatuses[] =
     "Exit status: 0 success; 2 a required setting is missing; 3 Python could not be started;\n"
@@ -308,8 +321,8 @@ std::string UsageLine(Command command)
 {
     const CommandInfo *info = InfoOf(command);
     if (info == nullptr) {
-        return "usage: ovra-kb COMMAND [ARGS] [options] (commands: write, search, delete, import, export, demo, "
-               "doctor; see ovra-kb --help)";
+        return "usage: ovra-kb COMMAND [ARGS] [options] (commands: write, search, delete, import, export, stats, "
+               "backup, demo, doctor; see ovra-kb --help)";
     }
     return "usage: ovra-kb " + std::string(info->synopsis);
 }

@@ -10,11 +10,12 @@ namespace OvraCli {
 // Exit statuses besides 0 and the library's own 2 to 6 (sysexits.h values where one fits).
 constexpr int kExitProblemFound = 1;  // doctor: at least one check failed
 constexpr int kExitUsage = 64;
-constexpr int kExitBadData = 65;       // import: a line is not a record
+constexpr int kExitBadData = 65;       // import: a line is not a record the knowledge base would take
 constexpr int kExitNoInput = 66;       // import: the file cannot be read
 constexpr int kExitCannotCreate = 73;  // export: the file cannot be written
+constexpr int kExitInterrupted = 130;  // Ctrl-C, as a shell reports a process ended by SIGINT
 
-enum class Command { kNone, kWrite, kSearch, kDelete, kImport, kExport, kStats, kDemo, kDoctor };
+enum class Command { kNone, kWrite, kSearch, kDelete, kImport, kExport, kStats, kBackup, kDemo, kDoctor };
 
 struct Options {
     Command command = Command::kNone;

@@ -13,15 +13,15 @@ What a Python host must know:
   base; call it once for each OvraKbCInit that returned 0.
 - The library imports the knowledge-base package ("oxe") into this process through sys.path, where
   it becomes the same module this program would import. Make it importable before the first
-  OvraKbCInit (PYTHONPATH or sys.path); this example puts the one installed beside the library
-  (<prefix>/share/ovra_kb/python) in front when none is importable.
+  OvraKbCInit (PYTHONPATH or sys.path); when none is, an installed library appends the package
+  installed beside it (<prefix>/share/ovra_kb/python) to sys.path.
 - Load the library with ctypes.CDLL, not ctypes.PyDLL. CDLL gives the interpreter lock back for the
   length of each call; the library takes it whenever it runs Python, and gives it back between the
   polls of a search, so this program's other threads and the package's worker threads go on. Under
   PyDLL the caller keeps the lock through the whole search, 1 ms sleeps included.
 - Every call blocks its thread until the knowledge base has answered. Any Python thread may call;
-  the rules of ovra_kb_c.h hold (one finalisation per successful initialisation, none while another
-  thread's call runs). A Ctrl-C that arrives during a call on the main thread is raised inside the
+  the rules of ovra_kb_c.h hold (one finalisation per successful initialisation; the last one makes
+  the calls of other threads that are still running end with 3). A Ctrl-C that arrives during a call on the main thread is raised inside the
   knowledge base's Python code, so that call fails (status 6) rather than raising KeyboardInterrupt
   here: check every status.
 - Pass texts as str encoded to UTF-8, as this example does. This thread's state belongs to the
@@ -33,7 +33,6 @@ What a Python host must know:
   c_char_p restype copies each key and value into bytes, which outlive OvraKbCResultFree.
 """
 import ctypes
-import importlib.util
 import os
 import shutil
 import sys
@@ -90,15 +89,6 @@ def search(library, keyword, config):
         library.OvraKbCResultFree(result)
 
 
-def use_installed_package(library_path):
-    """Puts <prefix>/share/ovra_kb/python first on sys.path, for a library in <prefix>/lib, unless
-    the knowledge-base package is importable already."""
-    if importlib.util.find_spec("oxe") is not None:
-        return
-    prefix = os.path.dirname(os.path.dirname(os.path.abspath(library_path)))
-    sys.path.insert(0, os.path.join(prefix, "share", "ovra_kb", "python"))
-
-
 def step(name, status):
     print("%-8s status %d" % (name, status))
     return status == 0
@@ -119,10 +109,7 @@ def run(library, bank):
 
 
 def main(argv):
-    library_path = argv[1] if len(argv) > 1 else "libovra_kb.so.0"
-    if "/" in library_path:
-        use_installed_package(library_path)
-    library = load(library_path)
+    library = load(argv[1] if len(argv) > 1 else "libovra_kb.so.0")
     if len(argv) > 2:
         return 0 if run(library, argv[2]) else 1
     bank = tempfile.mkdtemp(prefix="ovra-kb-ctypes-")

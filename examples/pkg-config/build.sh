@@ -1,6 +1,6 @@
 #!/bin/sh
 # A consumer of the installed library through pkg-config:
-#   PKG_CONFIG_PATH=<install prefix>/lib/pkgconfig sh examples/pkg-config/build.sh OUTPUT
+#   PKG_CONFIG_PATH=<install prefix>/<library directory>/pkgconfig sh examples/pkg-config/build.sh OUTPUT
 set -eu
 here=$(cd "$(dirname "$0")" && pwd)
 output=${1:-consumer}

@@ -36,9 +36,9 @@
  * Signals: when this library starts the interpreter, it keeps the process's dispositions of
  * SIGINT, SIGPIPE and SIGXFSZ as the host had them (Python would install its own SIGINT
  * handler and ignore the other two), and keeps them again across the interpreter's
- * finalisation. Meanwhile SIGINT is blocked on the calling thread: one that arrives is held
- * and reaches the host's own disposition once it is back, as if the start-up had not been
- * there. A multi-threaded host should block SIGINT on its other threads too (or handle it on
+ * finalisation. While the library brings the Python side up or down (its python3 queries
+ * included), SIGINT is blocked on the calling thread: one that arrives is held and reaches the
+ * host's own disposition once the start-up or tear-down is over, as if it had not been there. A multi-threaded host should block SIGINT on its other threads too (or handle it on
  * one thread of its own), since a signal sent to the process may reach any thread that does
  * not block it. A host that runs its own interpreter keeps whatever it set up.
  *

@@ -8,9 +8,10 @@
  *
  * Call order, users and threads are as in ovra_kb_api.h: OvraKbCInit, then any number of
  * OvraKbCSearch / OvraKbCWrite / OvraKbCDelete from any thread, then OvraKbCFinalize once for
- * each OvraKbCInit that returned OVRA_KB_C_SUCCESS (and never after a failed one). Do not
- * finalise while another thread's operation runs. A search, write, delete or finalise made while
- * the knowledge base is down returns OVRA_KB_C_PYTHON_UNAVAILABLE. The C and C++ functions are
+ * each OvraKbCInit that returned OVRA_KB_C_SUCCESS (and never after a failed one). The last
+ * finalisation waits for the operations other threads have in flight (a waiting search ends with
+ * OVRA_KB_C_PYTHON_UNAVAILABLE). A search, write, delete or finalise made while the knowledge base
+ * is down, or going down, returns OVRA_KB_C_PYTHON_UNAVAILABLE. The C and C++ functions are
  * the same operations and may be mixed in one process.
  *
  * Ownership: every pointer passed in is only read during the call; the library keeps none of

@@ -2,6 +2,8 @@
 durability, lost connections, options, TLS). The server classes skip without one (pg_support.py); the rest don't."""
 
 import os
+import shlex
+import shutil
 import subprocess
 import sys
 import threading
@@ -128,6 +130,23 @@ class PostgresBankTest(ServerTestCase, BankContract):
         self.assertIn("colour", error_info(caught.exception)["message"])
 
 
+    def test_a_backup_is_left_to_the_servers_tools_and_the_error_names_the_command(self):
+        self.init()
+        interface.ovra_kb_write("kept", "v", dict(ADD), 1)
+        copy = os.path.join(self.tmp, "copy")
+        with self.assertKbError(errors.NOT_SUPPORTED_BY_BANK, self.secret) as caught:
+            wait_for(interface.ovra_kb_search_async(copy, {"op_type": "*", "search_type": "backup"}))
+        message = error_info(caught.exception)["message"]
+        command = shlex.split(message[message.index("pg_dump "):message.index(" -f ovra_kb.sql")])
+        self.assertIn("%s.ovra_kb_records" % self.schema.name, command)
+        self.assertFalse(os.path.exists(copy))
+        if shutil.which("pg_dump"):  # the command works as it stands, the password coming from the environment
+            dump = subprocess.run(command, env=dict(os.environ, PGPASSWORD=self.secret), stdout=subprocess.PIPE,
+                                  stderr=subprocess.PIPE, universal_newlines=True, timeout=60)
+            self.assertEqual(dump.returncode, 0, dump.stderr)
+            self.assertIn("kept\tv", dump.stdout)
+
+
 class PostgresLifecycleTest(ServerTestCase, test_interface.LifecycleTest):
     pass
 
@@ -202,12 +221,15 @@ class ConnectionTest(ServerTestCase):
             interface.ovra_kb_write("r%03d" % number, "v", dict(ADD), 1)
         pg_ctl("stop", "-m", "immediate")  # no shutdown checkpoint: the server recovers from its write-ahead log
         try:
-            for call in (lambda: interface.ovra_kb_write("k", "v", dict(ADD), 1),
-                         lambda: interface.ovra_kb_search_async("k", {"op_type": "Add"}),
-                         lambda: wait_for(interface.ovra_kb_search_async("", {"op_type": "*", "search_type": "all"}))):
+            for call, outcome in (
+                    (lambda: interface.ovra_kb_write("k", "v", dict(ADD), 1), "may or may not have been stored"),
+                    (lambda: interface.ovra_kb_search_async("k", {"op_type": "Add"}), "was not done"),
+                    (lambda: wait_for(interface.ovra_kb_search_async("", {"op_type": "*", "search_type": "all"})),
+                     "was not done")):
                 with self.assertKbError(errors.CONNECTION_LOST, self.secret) as caught:
                     call()
-                self.assertIn("%(host)s:%(port)s is running" % server, error_info(caught.exception)["message"])
+                self.assertIn("%(host)s:%(port)s" % server, error_info(caught.exception)["message"])
+                self.assertIn(outcome, error_info(caught.exception)["message"])
         finally:
             pg_ctl("start")
         interface.ovra_kb_write("k", "v", dict(ADD), 1)  # the same session finds the server again

@@ -34,17 +34,11 @@ const char *const ADOPT_THREADING_MAIN_THREAD =
 // Python installs its own SIGINT handler and ignores SIGPIPE and SIGXFSZ when it starts, and resets
 // the handlers it believes are its own when it stops. The host's dispositions of these signals are
 // recorded before either step and put back as soon as it returns, so that a host's Ctrl-C still
-// ends it and a handler that it installed in between survives. Meanwhile SIGINT is blocked on this
-// thread: one that comes is held, and reaches the host's own disposition once that is back, instead
-// of Python's handler, which would lose it or break the start-up.
+// ends it and a handler that it installed in between survives.
 class HostSignalDispositions {
   public:
     HostSignalDispositions()
     {
-        sigset_t interrupt;
-        sigemptyset(&interrupt);
-        sigaddset(&interrupt, SIGINT);
-        (void)pthread_sigmask(SIG_BLOCK, &interrupt, &savedMask_);
         for (size_t i = 0; i < KEPT_SIGNALS.size(); ++i) {
             (void)sigaction(KEPT_SIGNALS[i], nullptr, &saved_[i]);
         }
@@ -54,7 +48,6 @@ class HostSignalDispositions {
         for (size_t i = 0; i < KEPT_SIGNALS.size(); ++i) {
             (void)sigaction(KEPT_SIGNALS[i], &saved_[i], nullptr);
         }
-        (void)pthread_sigmask(SIG_SETMASK, &savedMask_, nullptr);
     }
     HostSignalDispositions(const HostSignalDispositions &) = delete;
     HostSignalDispositions &operator=(const HostSignalDispositions &) = delete;
@@ -62,7 +55,27 @@ class HostSignalDispositions {
   private:
     static constexpr std::array<int, 3> KEPT_SIGNALS = {SIGINT, SIGPIPE, SIGXFSZ};
     std::array<struct sigaction, KEPT_SIGNALS.size()> saved_{};
-    sigset_t savedMask_{};
+};
+
+// While the Python side comes up or goes down, SIGINT is blocked on this thread, and so on the python3
+// processes that the discovery queries start: one that comes is held, and reaches the host's own disposition
+// once the start-up or the tear-down is over, instead of Python's handler (which would lose it or break the
+// start-up), an interrupted query, or a query process killed halfway.
+class InterruptHeld {
+  public:
+    InterruptHeld()
+    {
+        sigset_t interrupt;
+        sigemptyset(&interrupt);
+        sigaddset(&interrupt, SIGINT);
+        (void)pthread_sigmask(SIG_BLOCK, &interrupt, &saved_);
+    }
+    ~InterruptHeld() { (void)pthread_sigmask(SIG_SETMASK, &saved_, nullptr); }
+    InterruptHeld(const InterruptHeld &) = delete;
+    InterruptHeld &operator=(const InterruptHeld &) = delete;
+
+  private:
+    sigset_t saved_{};
 };
 
 // Where the interpreter finds the knowledge-base package. A deployment puts folders in front of the module
@@ -496,6 +509,7 @@ bool OvraKbPyfuncMgr::PyObjectInit()
         ++reference_;
         return true;
     }
+    InterruptHeld interruptHeld;
     HandleManager &api = PyApi();
     PyWrapper::SetReleaseKept(ReleaseKeptRequested());
     // A runtime already in the global scope (the host's, or one loaded earlier) is used as it is.
@@ -550,6 +564,7 @@ void OvraKbPyfuncMgr::PyObjectDeinit()
         OVRA_KB_LOG(OVRA_LEVEL_INFO, "PyObject does not need to deinit");
         return;
     }
+    InterruptHeld interruptHeld;
     {
         GilGuard gil;
         ovraKbInterface_.ResetObject();

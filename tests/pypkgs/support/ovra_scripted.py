@@ -70,10 +70,10 @@ def extra_refs(objects):
     return [sys.getrefcount(o) - base for o in objects]
 
 
-def tracked_objects():
-    """Objects the garbage collector follows, after a full collection."""
+def tracked_objects(kept=()):
+    """Objects the garbage collector follows, after a full collection, other than those of `kept`."""
     gc.collect()
-    return len(gc.get_objects())
+    return len(gc.get_objects()) - sum(1 for o in kept if gc.is_tracked(o))
 
 
 def traceback_line_lists():

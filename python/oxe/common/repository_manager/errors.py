@@ -7,6 +7,10 @@ library hands that dictionary to the platform error manager through
 ``repository_manager_log.get_py_exception_dict``.
 """
 
+import errno
+import os
+import resource
+
 INVALID_SOC_VERSION = "OVRA_KB_E001"
 INVALID_CORE_NUM = "OVRA_KB_E002"
 BANK_PATH_UNUSABLE = "OVRA_KB_E003"
@@ -24,6 +28,7 @@ AUTHENTICATION_FAILED = "OVRA_KB_E014"
 CONNECTION_LOST = "OVRA_KB_E015"
 BANK_DAMAGED = "OVRA_KB_E016"
 BANK_READ_ONLY = "OVRA_KB_E017"
+NOT_SUPPORTED_BY_BANK = "OVRA_KB_E018"
 INTERNAL_ERROR = "OVRA_KB_E999"
 
 ALL_CODES = (
@@ -44,6 +49,7 @@ ALL_CODES = (
     CONNECTION_LOST,
     BANK_DAMAGED,
     BANK_READ_ONLY,
+    NOT_SUPPORTED_BY_BANK,
     INTERNAL_ERROR,
 )
 
@@ -91,4 +97,34 @@ def error_info(exc):
         info = exc.args[0]
         if "errCode" in info:
             return info
+    return None
+
+
+def descriptors_used_up():
+    """EMFILE or ENFILE when no file can be opened now for want of a file descriptor, else None."""
+    try:
+        os.close(os.open(os.devnull, os.O_RDONLY))
+    except OSError as exc:
+        if exc.errno in (errno.EMFILE, errno.ENFILE):
+            return exc.errno
+    return None
+
+
+def out_of_descriptors(action, code):
+    """The error of ``action`` ("read the knowledge bank X") that found no file descriptor left (``code``: EMFILE or
+    ENFILE), naming the limit: the database library says only that it cannot open a file."""
+    if code == errno.EMFILE:
+        cause = ("this process has used up its file descriptors (its limit, ulimit -n, is %d); raise the limit "
+                 "(ulimit -n 4096, or LimitNOFILE= for a service) or close files that the process keeps open"
+                 % resource.getrlimit(resource.RLIMIT_NOFILE)[0])
+    else:
+        cause = ("the system has used up its file descriptors (its limit is fs.file-max); close files, or ask the "
+                 "administrator to raise the limit")
+    return kb_error(STORAGE_FAILURE, "Could not %s: %s, then retry." % (action, cause))
+
+
+def named_cause(exc):
+    """The package's error for an unexpected ``exc`` whose cause has a name of its own, or None."""
+    if isinstance(exc, OSError) and exc.errno in (errno.EMFILE, errno.ENFILE):
+        return out_of_descriptors("complete the call", exc.errno)
     return None

@@ -45,6 +45,11 @@ SEARCH_ALL = "all"
 SEARCH_ALL_CHIPS = "all_chips"
 # One row per chip of the bank: "soc_version", "core_num" and "records" (op_type "*").
 SEARCH_CHIPS = "chips"
+# A consistent copy of the whole bank into the directory named by the keyword (op_type "*"): one row,
+# "backup" (the copy's database file), "records" and "bytes".
+SEARCH_BACKUP = "backup"
+# The longest core_num taken, in digits (past the leading zeros): any number of cores fits a 64-bit integer.
+CORE_NUM_DIGITS = 18
 
 
 class _Session(object):
@@ -187,6 +192,7 @@ def _entry(function):
             return function(*args)
         except BaseException as exc:
             _forget_locals(exc)
+            exc = errors.named_cause(exc) or exc
             if errors.error_info(exc) is None:
                 raise
             exc.__cause__ = exc.__context__ = exc.__traceback__ = None
@@ -228,14 +234,15 @@ def _check_sys_config(sys_dict):
         )
     core_num = sys_dict.get("core_num")
     text = core_num.strip() if isinstance(core_num, str) else ""
-    if not _ascii_digits(text) or int(text) <= 0:
+    digits = text.lstrip("0")
+    if not _ascii_digits(text) or not digits or len(digits) > CORE_NUM_DIGITS:
         raise errors.kb_error(
             errors.INVALID_CORE_NUM,
-            "core_num %s is not a positive integer; set core_num to the number of cores, for example 32."
-            % errors.shown(core_num),
+            "core_num %s is not a positive integer of at most %d digits; set core_num to the number of cores, "
+            "for example 32." % (errors.shown(core_num), CORE_NUM_DIGITS),
             core_num=_detail(core_num),
         )
-    return soc_version.strip(), str(int(text))
+    return soc_version.strip(), digits
 
 
 def _ascii_digits(text):
@@ -397,11 +404,12 @@ def ovra_kb_search_async(keyword, config):
     "prefix": records whose keyword starts with it; "all": every record of
     the op_type (``keyword`` is ignored; op_type "*" means every op type).
     "all_chips": as "all", over every chip of the bank; "chips": the chips
-    of the bank with their record counts (op_type "*").
+    of the bank with their record counts (op_type "*"); "backup": a copy of
+    the bank into the directory ``keyword`` (op_type "*").
     """
     session = _session()
     search_type = config.get("search_type") if isinstance(config, dict) else None
-    op_type = _op_type(config, allow_all=search_type in (SEARCH_ALL, SEARCH_ALL_CHIPS, SEARCH_CHIPS))
+    op_type = _op_type(config, allow_all=search_type in (SEARCH_ALL, SEARCH_ALL_CHIPS, SEARCH_CHIPS, SEARCH_BACKUP))
     return_type = config.get("return_type", "str")
     if return_type not in (None, "str"):
         raise _bad_argument("return_type %s is not supported; ask for 'str' results."
@@ -433,11 +441,16 @@ def ovra_kb_search_async(keyword, config):
                     "search_type 'chips' counts the records of every op type; set op_type to '*'.",
                 )
             job = backend.chips
+        elif search_type == SEARCH_BACKUP:
+            if op_type != ALL_OP_TYPES or not isinstance(keyword, str) or not keyword:
+                raise _bad_argument("search_type 'backup' copies the whole bank; set op_type to '*' and pass the "
+                                    "directory to copy it into as the keyword.")
+            job = functools.partial(backend.backup, keyword)
         else:
             raise errors.kb_error(
                 errors.UNKNOWN_SEARCH_TYPE,
-                "search_type %s is unknown; use 'exact' (or leave it unset), 'prefix', 'all', 'all_chips' "
-                "or 'chips'." % errors.shown(search_type),
+                "search_type %s is unknown; use 'exact' (or leave it unset), 'prefix', 'all', 'all_chips', "
+                "'chips' or 'backup'." % errors.shown(search_type),
             )
     except UnicodeError as exc:
         raise _not_text(exc)

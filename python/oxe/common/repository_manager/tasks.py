@@ -38,7 +38,7 @@ class Task(object):
             self.rows = job()
         except BaseException as exc:  # handed to the poller, never lost
             if errors.error_info(exc) is None:
-                exc = errors.kb_error(
+                exc = errors.named_cause(exc) or errors.kb_error(
                     errors.INTERNAL_ERROR,
                     "A background search failed unexpectedly (%s: %s); retry the search, "
                     "and report the problem if it persists." % (type(exc).__name__, exc),

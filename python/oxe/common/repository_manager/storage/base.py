@@ -188,6 +188,12 @@ class KnowledgeBackend(object):
         """One row per chip of the bank: "soc_version", "core_num" and "records" (their number)."""
         raise NotImplementedError
 
+    def backup(self, destination):
+        """A consistent copy of the whole bank, taken while writers go on, into the new or empty directory
+        ``destination``: one row, "backup" (the copy's database), "records" and "bytes". A bank that its own
+        server backs up raises the error that says how."""
+        raise NotImplementedError
+
 
 class SqlKnowledgeBackend(KnowledgeBackend):
     """The operations of a bank kept in one SQL table; subclasses give the statements and run them.

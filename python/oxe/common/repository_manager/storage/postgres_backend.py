@@ -35,6 +35,8 @@ bank of this kind is opened, never by merely importing this package.
 """
 
 import functools
+import re
+import shlex
 import sys
 import threading
 
@@ -265,7 +267,7 @@ class PostgresBackend(SqlKnowledgeBackend):
     def open(self):
         self._pg = load_driver()
         self._parse_location()
-        link = self._connect(first=True)
+        link = self._connect()
         try:
             self._check_database(link.conn)
             self._prepare_schema(link.conn)
@@ -313,7 +315,7 @@ class PostgresBackend(SqlKnowledgeBackend):
                 continue
         link = None
         try:
-            link = self._connect()
+            link = self._connect("flush")
             self._flush_on(link)
         except Exception:
             pass
@@ -349,16 +351,17 @@ class PostgresBackend(SqlKnowledgeBackend):
             args["tcp_user_timeout"] = TCP_USER_TIMEOUT_MS
         self._connect_args = args
 
-    def _connect(self, first=False):
-        """A new connection, or the error that says why there is none."""
+    def _connect(self, during=None):
+        """A new connection, or the error that says why there is none: that the server cannot be reached when the bank
+        opens, or that the connection was lost ``during`` a call ("read", "write" or "flush") after it opened."""
         pg = self._pg
         try:
             conn = pg.connect(self.location, **self._connect_args)
         except pg.Error as exc:
-            raise self._connect_error(exc, first)
+            raise self._connect_error(exc, during)
         return _Link(conn)
 
-    def _connect_error(self, exc, first):
+    def _connect_error(self, exc, during=None):
         target = self.target
         reason = target.scrub(_first_line(exc))
         text = reason.lower()
@@ -377,23 +380,29 @@ class PostgresBackend(SqlKnowledgeBackend):
                 "or fix the database name in op_bank_path."
                 % (target.server, target.dbname, reason, target.user, target.dbname),
                 **where)
-        if first:
+        if during is None:
             return errors.kb_error(
                 errors.CANNOT_CONNECT,
                 "Cannot connect to the PostgreSQL server at %s (%s); check that the server at %s is running "
                 "and accepts TCP/IP connections from this host, and the host, port and sslmode in op_bank_path."
                 % (target.server, reason, target.server),
                 **where)
-        return self._lost_error(reason)
+        return self._lost_error(reason, during)
 
-    def _lost_error(self, reason):
-        target = self.target
+    def _lost_error(self, reason, during):
+        server = self.target.server
+        if during == "read":
+            outcome = "so the search was not done; check that the server at %s is running, then retry" % server
+        else:
+            # The statement may have been committed before the connection broke; it cannot be known here.
+            outcome = ("so the change may or may not have been stored; once the server at %s answers, search for "
+                       "the record to see whether it was, and make the change again if not (twice does no harm)"
+                       % server)
         return errors.kb_error(
             errors.CONNECTION_LOST,
-            "The connection to the PostgreSQL server at %s was lost and could not be made again (%s); "
-            "the change or search was not done: check that the server at %s is running, then retry."
-            % (target.server, reason, target.server),
-            op_bank_path=target.display)
+            "The connection to the PostgreSQL server at %s was lost and could not be made again (%s), %s."
+            % (server, reason, outcome),
+            op_bank_path=self.target.display)
 
     def _check_database(self, conn):
         encoding = conn.info.parameter_status("server_encoding")
@@ -452,7 +461,7 @@ class PostgresBackend(SqlKnowledgeBackend):
                 "it holds a table %s that this package did not create (%s); name another database or schema "
                 "in op_bank_path" % (RECORDS_TABLE, self.target.scrub(_first_line(exc))))
         except pg.OperationalError as exc:
-            raise self._connect_error(exc, True)
+            raise self._connect_error(exc)
         except pg.Error as exc:
             raise self._schema_error("its tables cannot be prepared (%s)" % self.target.scrub(_first_line(exc)))
 
@@ -466,7 +475,7 @@ class PostgresBackend(SqlKnowledgeBackend):
         return self.target.display
 
     # ------------------------------------------------------------- the pool
-    def _acquire(self):
+    def _acquire(self, during):
         with self._cond:
             while True:
                 if self._closed:
@@ -478,7 +487,7 @@ class PostgresBackend(SqlKnowledgeBackend):
                     break
                 self._cond.wait()
         try:
-            return self._connect()
+            return self._connect(during)
         except BaseException:
             with self._cond:
                 self._open_links -= 1
@@ -520,7 +529,7 @@ class PostgresBackend(SqlKnowledgeBackend):
         """Run ``action(link)`` on a pooled connection; a lost connection is replaced and tried once more."""
         pg = self._pg
         for attempt in (1, 2):
-            link = self._acquire()
+            link = self._acquire(what)
             try:
                 result = action(link)
             except pg.Error as exc:
@@ -530,7 +539,7 @@ class PostgresBackend(SqlKnowledgeBackend):
                     raise self._statement_error(exc, what) from None
                 self._drop_idle()
                 if attempt == 2:
-                    raise self._lost_error(self.target.scrub(_first_line(exc))) from None
+                    raise self._lost_error(self.target.scrub(_first_line(exc)), what) from None
                 continue
             except BaseException as exc:
                 # An error of this package's own checks leaves the connection
@@ -570,6 +579,26 @@ class PostgresBackend(SqlKnowledgeBackend):
             op_bank_path=display)
 
     # ------------------------------------------------------------ operations
+    @through_fork_gate
+    def backup(self, destination):
+        """A bank on a server is backed up by the server's own tools, which copy it consistently while clients go
+        on: the error names the pg_dump command for this bank (its connection options without the password, and its
+        schema), rather than a copy made here."""
+        schema = self._run(_current_schema_on, "read")
+        if not re.match(r"^[a-z_][a-z0-9_]*$", schema):
+            schema = '"%s"' % schema.replace('"', '""')
+        options = {name: value for name, value in self._params.items() if name != "password"}
+        command = "pg_dump -d %s %s -f ovra_kb.sql" % (
+            shlex.quote(self._pg.conninfo.make_conninfo(**options)),
+            " ".join("-t " + shlex.quote("%s.%s" % (schema, table)) for table in (RECORDS_TABLE, META_TABLE)))
+        raise errors.kb_error(
+            errors.NOT_SUPPORTED_BY_BANK,
+            "A bank on a PostgreSQL server is backed up with the server's own tools, not copied into %s: %s writes "
+            "its two tables, consistent while clients go on, and psql -f ovra_kb.sql puts them back into an empty "
+            "database; a backup of the whole server holds it too; ovra-kb export writes its records as JSON lines."
+            % (destination, command),
+            op_bank_path=self.target.display)
+
     def _modify(self, sql, params, durable):
         count = self._run(functools.partial(_change_on, sql, params, durable), "write")
         if not durable:
@@ -597,6 +626,10 @@ def _change_on(sql, params, durable, link):
 
 def _rows_on(sql, params, link):
     return link.conn.execute(sql, params).fetchall()
+
+
+def _current_schema_on(link):
+    return link.conn.execute("SELECT current_schema()").fetchone()[0]
 
 
 def _has_nul(scope, *texts):

@@ -18,11 +18,15 @@ cache) when ``write`` returns, and on stable storage too when ``durable``
 was asked for (``synchronous=FULL`` for that commit).
 """
 
+import fcntl
 import functools
 import os
 import sqlite3
+import stat
+import struct
 import threading
 import time
+import uuid
 from urllib.parse import quote
 
 from .. import errors
@@ -30,6 +34,8 @@ from .base import SqlKnowledgeBackend, chips_sql, through_fork_gate
 
 DB_FILE_NAME = "ovra_kb.db"
 SCHEMA_VERSION = 1
+# A backup is written under this name plus a random part beside its place, and renamed when complete.
+BACKUP_PARTIAL_PREFIX = DB_FILE_NAME + ".partial-"
 
 # SQLite refuses file names longer than this.
 _PATH_LIMIT = 512
@@ -77,6 +83,14 @@ _SQL_EXPORT = (
     "SELECT soc_version, core_num, op_type, keyword, knowledge FROM records "
     "ORDER BY soc_version, core_num, op_type, keyword"
 )
+# The first and the last record: the edges of the table's tree, down to its first and last leaf.
+_SQL_EDGE = ("SELECT keyword FROM records ORDER BY soc_version %(o)s, core_num %(o)s, op_type %(o)s, keyword %(o)s "
+             "LIMIT 1")
+
+# The write-ahead log's file header and frame header (sqlite.org/fileformat2.html#walformat).
+_WAL_MAGIC = (b"\x37\x7f\x06\x82", b"\x37\x7f\x06\x83")
+_WAL_HEADER = 32
+_WAL_FRAME_HEADER = 24
 
 
 def _create_v1(conn):
@@ -142,6 +156,110 @@ def _identity(path):
     return info.st_dev, info.st_ino
 
 
+def _kind(path):
+    """What the file at ``path`` is, for a message that says it is not what the bank needs."""
+    try:
+        mode = os.lstat(path).st_mode
+        if stat.S_ISLNK(mode):
+            return "a symbolic link to %s" % os.readlink(path)
+    except OSError as exc:
+        return "unreadable (%s)" % (exc.strerror or exc)
+    for test, name in ((stat.S_ISREG, "a regular file"), (stat.S_ISDIR, "a directory"),
+                       (stat.S_ISCHR, "a character device"), (stat.S_ISBLK, "a block device"),
+                       (stat.S_ISFIFO, "a named pipe (FIFO)"), (stat.S_ISSOCK, "a socket")):
+        if test(mode):
+            return name
+    return "a special file"
+
+
+def _create_directory(directory, what, advice, code, **details):
+    """Creates ``directory`` and its missing parents; answers the ones it created, top first. One that cannot be
+    made raises error ``code`` with ``details``, naming ``what`` the directory is for and the way out, ``advice``."""
+    if os.path.lexists(directory) and not os.path.isdir(directory):
+        raise errors.kb_error(
+            code, "The %s path %s is %s, not a directory; %s." % (what, directory, _kind(directory), advice), **details)
+    created = []
+    path = directory
+    while path and not os.path.lexists(path):
+        created.insert(0, path)
+        parent = os.path.dirname(path)
+        path = parent if parent != path else ""
+    try:
+        os.makedirs(directory, exist_ok=True)
+    except OSError as exc:
+        _remove_directories(created)
+        raise errors.kb_error(
+            code, "The %s directory %s cannot be created (%s); %s." % (what, directory, exc.strerror or exc, advice),
+            **details)
+    return created
+
+
+def _remove_directories(created):
+    for directory in reversed(created):
+        _remove_quietly(directory, directory=True)
+
+
+def _read_log(path, verify=False, end=None):
+    """What the write-ahead log at ``path`` holds in its current generation: (the numbers of the pages in its frames,
+    the database's size in pages after its last commit, the offset where that commit's frame ends). Frames count from
+    the log's start while their salts are its header's and, with ``verify``, while their checksums hold too, as
+    SQLite reads them when it recovers the log; ``end`` stops the reading there."""
+    pages, size, size_end = set(), 0, 0
+    try:
+        log = open(path, "rb")
+    except OSError:
+        return pages, size, size_end
+    with log:
+        header = log.read(_WAL_HEADER)
+        if len(header) < _WAL_HEADER or header[:4] not in _WAL_MAGIC:
+            return pages, size, size_end
+        order = ">" if header[3] & 1 else "<"
+        frame_size = _WAL_FRAME_HEADER + struct.unpack(">I", header[8:12])[0]
+        sums = _log_checksum(header[:24], (0, 0), order)
+        if verify and sums != struct.unpack(">II", header[24:32]):
+            return pages, size, size_end
+        # Only whole frames count; without ``verify`` only their headers are read.
+        length = os.fstat(log.fileno()).st_size if end is None else end
+        wanted = frame_size if verify else _WAL_FRAME_HEADER
+        for offset in range(_WAL_HEADER, length - frame_size + 1, frame_size):
+            log.seek(offset)
+            frame = log.read(wanted)
+            if len(frame) < wanted or frame[8:16] != header[16:24]:
+                break
+            if verify:
+                sums = _log_checksum(frame[:8] + frame[_WAL_FRAME_HEADER:], sums, order)
+                if sums != struct.unpack(">II", frame[16:24]):
+                    break
+            page, commit = struct.unpack(">II", frame[:8])
+            pages.add(page)
+            if commit:
+                size, size_end = commit, offset + frame_size
+    return pages, size, size_end
+
+
+def _log_checksum(data, sums, order):
+    """The write-ahead log's running checksum ``sums`` carried over ``data``, in the byte order of its magic number."""
+    words = struct.unpack("%s%dI" % (order, len(data) // 4), data)
+    first, second = sums
+    for i in range(0, len(words), 2):
+        first = (first + words[i] + second) & 0xFFFFFFFF
+        second = (second + words[i + 1] + first) & 0xFFFFFFFF
+    return first, second
+
+
+def _copy_database(source, copy, copy_path):
+    """Copies the database of ``source`` into the new file ``copy_path`` (open as ``copy``) in one read transaction."""
+    if hasattr(source, "backup"):
+        source.backup(copy)
+        return
+    # CPython 3.6 has no backup(); VACUUM INTO makes the same consistent copy, but not on a query-only connection.
+    source.execute("PRAGMA query_only=0")
+    try:
+        source.execute("VACUUM INTO ?", (copy_path,))
+    finally:
+        source.execute("PRAGMA query_only=1")
+
+
 def _fsync_path(path, directory=False):
     try:
         fd = os.open(path, os.O_RDONLY | (getattr(os, "O_DIRECTORY", 0) if directory else 0))
@@ -192,20 +310,22 @@ class SqliteBackend(SqlKnowledgeBackend):
     # ----------------------------------------------------------- life cycle
     @through_fork_gate
     def open(self):
-        created = self._make_directory()
-        new_file = not os.path.exists(self.db_path)
+        created = _create_directory(self.directory, "knowledge bank", "set op_bank_path to a writable directory",
+                                    errors.BANK_PATH_UNUSABLE, op_bank_path=self.directory)
+        new_file = not os.path.lexists(self.db_path)
         try:
+            self._refuse_special_database()
             if self._on_read_only_storage():
                 self._open_read_only()
             else:
+                self._check_database()
                 self._writer = self._open_writer()
         except BaseException:
             # A bank that could not be opened leaves nothing behind that this call made.
             if new_file:
                 for suffix in ("", "-wal", "-shm", "-journal"):
                     _remove_quietly(self.db_path + suffix)
-            for directory in reversed(created):
-                _remove_quietly(directory, directory=True)
+            _remove_directories(created)
             raise
         self._file_identity = _identity(self.db_path)
         self._gone = False
@@ -238,6 +358,68 @@ class SqliteBackend(SqlKnowledgeBackend):
             raise
         return writer
 
+    def _refuse_special_database(self):
+        """The database must be a regular file of the bank's directory: SQLite follows a symbolic link (and creates
+        a missing target), so records would land in a file outside the bank; a device or a pipe is no database."""
+        if os.path.lexists(self.db_path) and not stat.S_ISREG(os.lstat(self.db_path).st_mode):
+            raise errors.kb_error(
+                errors.BANK_PATH_UNUSABLE,
+                "The knowledge bank database %s is %s, not a regular file, so the bank is not opened; put the "
+                "database file itself in its place, or set op_bank_path to another directory."
+                % (self.db_path, _kind(self.db_path)),
+                op_bank_path=self.directory)
+
+    def _check_database(self):
+        """Checks a database already there before the writer opens it, through a read-only connection: one that
+        can write checkpoints the log into the file when it closes, which would make a refused copy's damage
+        consistent, and silent, for the next open. Without a log the file is read as immutable, which leaves no
+        files behind."""
+        if not os.path.exists(self.db_path) or not os.path.getsize(self.db_path):
+            return
+        uses_log = os.path.exists(self.db_path + "-wal")
+        conn = None
+        try:
+            conn = self._connect("file:%s?%s" % (quote(self.db_path), "mode=ro" if uses_log else "immutable=1"))
+            self._check_structure(conn, uses_log)
+        except sqlite3.Error as exc:
+            raise self._open_error(exc)
+        finally:
+            if conn is not None:
+                conn.close()
+
+    def _check_structure(self, conn, uses_log):
+        """A quick look, not a full scan, at what a cut file or a torn copy (a database and a write-ahead log taken at
+        different times) damages: the file must be a whole number of pages; the database, as its header counts it,
+        can be no smaller than the log's last commit made it before (pages are never given back), and every page past
+        the file's end must be in the log; the first and last records (the edges of the table's tree) must read.
+        The counts come from one read transaction, during which no checkpoint moves the pages that it sees."""
+        version = conn.execute("PRAGMA user_version").fetchone()[0]
+        self._check_not_newer(version)
+        log = self.db_path + "-wal"
+        before, before_end = _read_log(log)[1:] if uses_log else (0, 0)
+        conn.execute("BEGIN")
+        try:
+            page_size = conn.execute("PRAGMA page_size").fetchone()[0]
+            pages = conn.execute("PRAGMA page_count").fetchone()[0]
+            for order in ("ASC", "DESC") if version else ():
+                conn.execute(_SQL_EDGE % {"o": order}).fetchall()
+            size = os.path.getsize(self.db_path)
+            missing = set(range(size // page_size + 1, pages + 1))
+            if missing and uses_log:
+                missing -= _read_log(log)[0]
+        finally:
+            conn.execute("COMMIT")
+        torn = "as in a copy taken while the bank was in use"
+        if size % page_size:
+            raise self._damaged("its %d bytes are not a whole number of %d-byte pages" % (size, page_size))
+        if missing:
+            raise self._damaged("%d of its %d pages are neither in the file nor in its write-ahead log, %s"
+                                % (len(missing), pages, torn))
+        # A log cut by a crash may end in a frame whose checksum fails: only a commit that SQLite reads counts.
+        if before > pages and _read_log(log, verify=True, end=before_end)[1] > pages:
+            raise self._damaged("its write-ahead log holds a database of %d pages, its header one of %d, %s"
+                                % (before, pages, torn))
+
     def _on_read_only_storage(self):
         """An existing bank on storage that this process cannot write (read-only media or mount)."""
         if not os.path.exists(self.db_path):
@@ -256,8 +438,7 @@ class SqliteBackend(SqlKnowledgeBackend):
             conn = None
             try:
                 conn = self._connect("file:%s?%s" % (quote(self.db_path), options))
-                version = conn.execute("PRAGMA user_version").fetchone()[0]
-                self._check_not_newer(version)
+                self._check_structure(conn, uses_log=options == "mode=ro")
                 conn.execute("SELECT 1 FROM records LIMIT 1").fetchall()
             except sqlite3.Error as exc:
                 if conn is not None:
@@ -310,47 +491,94 @@ class SqliteBackend(SqlKnowledgeBackend):
             if self._writer is not None:
                 self._flush(self._writer)
 
+    @through_fork_gate
+    def backup(self, destination):
+        """Copies the bank as it is at one moment into ``destination``, a new or empty directory, while writers go on:
+        SQLite's online backup in one step, that is one read transaction, which writers in write-ahead mode do not
+        wait for. The copy is written under a temporary name there, checked, synced and renamed, so that the
+        directory never holds a database that is not complete; what an interrupted backup left there goes first.
+        Answers one row: "backup" (the copy's database file), "records" and "bytes"."""
+        target = os.path.abspath(destination)
+        advice = "name a new or empty directory to back the bank up into"
+        created = _create_directory(target, "backup", advice, errors.INVALID_ARGUMENT)
+        try:
+            lock = os.open(target, os.O_RDONLY | os.O_DIRECTORY)
+            try:
+                fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+            except OSError:
+                os.close(lock)
+                raise errors.kb_error(errors.INVALID_ARGUMENT, "Another backup into the backup directory %s is "
+                                      "running; wait for it to end, or %s." % (target, advice))
+            try:
+                return [self._backup_into(target, advice)]
+            finally:
+                os.close(lock)
+        except BaseException:
+            _remove_directories(created)
+            raise
+
+    def _backup_into(self, target, advice):
+        others = []
+        for name in sorted(os.listdir(target)):
+            if name.startswith(BACKUP_PARTIAL_PREFIX):
+                _remove_quietly(os.path.join(target, name))  # left by an interrupted backup
+            else:
+                others.append(name)
+        if others:
+            raise errors.kb_error(errors.INVALID_ARGUMENT, "The backup directory %s is not empty (it holds %s); %s."
+                                  % (target, ", ".join(others[:3]) + (", ..." if len(others) > 3 else ""), advice))
+        partial = os.path.join(target, BACKUP_PARTIAL_PREFIX + uuid.uuid4().hex[:12])
+        try:
+            records = self._copy_to(partial, target)
+            _fsync_path(partial)
+            database = os.path.join(target, DB_FILE_NAME)
+            os.rename(partial, database)
+            _fsync_path(target, directory=True)
+        except BaseException:
+            for suffix in ("", "-journal", "-wal", "-shm"):
+                _remove_quietly(partial + suffix)
+            raise
+        return {"backup": database, "records": str(records), "bytes": str(os.path.getsize(database))}
+
+    def _copy_to(self, path, target):
+        """Copies the database into the new file ``path``, checks the copy and answers its number of records."""
+        source = self._acquire_reader()
+        try:
+            copy = sqlite3.connect(path, isolation_level=None)
+            try:
+                _copy_database(source, copy, path)
+                check = copy.execute("PRAGMA quick_check").fetchone()[0]
+                records = copy.execute("SELECT COUNT(*) FROM records").fetchone()[0]
+            finally:
+                copy.close()
+        except sqlite3.Error as exc:
+            raise self._storage_error(exc, "back up", "check the free space and permissions of %s, where the copy "
+                                                      "goes" % target)
+        finally:
+            self._release_reader(source)
+        if check != "ok":
+            raise self._damaged(check)
+        return records
+
     def _flush(self, writer):
+        # The checkpoint syncs the database file after the frames it copies; the frames it leaves stay in the log,
+        # synced here. The database file itself is never opened here: closing a descriptor of it would drop the
+        # locks that this process's connections hold on it, and another process closing its last connection
+        # would then delete the log and its index under them.
         try:
             _retry(lambda: writer.execute("PRAGMA wal_checkpoint(PASSIVE)").fetchall(),
                    time.monotonic() + 1.0)
         except sqlite3.Error:
             pass  # the fsync below still makes the WAL durable
         _fsync_path(self.db_path + "-wal")
-        _fsync_path(self.db_path)
         _fsync_path(self.directory, directory=True)
-
-    def _make_directory(self):
-        """Creates the bank directory and its missing parents; answers the ones it created, top first."""
-        created = []
-        path = self.directory
-        while path and not os.path.exists(path):
-            created.insert(0, path)
-            parent = os.path.dirname(path)
-            path = parent if parent != path else ""
-        try:
-            os.makedirs(self.directory, exist_ok=True)
-        except OSError as exc:
-            for directory in reversed(created):
-                _remove_quietly(directory, directory=True)
-            raise errors.kb_error(
-                errors.BANK_PATH_UNUSABLE,
-                "The knowledge bank directory %s cannot be created (%s); "
-                "set op_bank_path to a writable directory." % (self.directory, exc.strerror or exc),
-                op_bank_path=self.directory,
-            )
-        if not os.path.isdir(self.directory):
-            raise errors.kb_error(
-                errors.BANK_PATH_UNUSABLE,
-                "The knowledge bank path %s is not a directory; "
-                "set op_bank_path to a writable directory." % self.directory,
-                op_bank_path=self.directory,
-            )
-        return created
 
     def _open_error(self, exc):
         if _is_damage(exc):
             return self._damaged(exc)
+        used_up = errors.descriptors_used_up()
+        if used_up:
+            return errors.out_of_descriptors("open the knowledge bank %s" % self.db_path, used_up)
         if len(self.db_path.encode("utf-8", "surrogateescape")) > _PATH_LIMIT:
             return errors.kb_error(
                 errors.BANK_PATH_UNUSABLE,
@@ -365,11 +593,11 @@ class SqliteBackend(SqlKnowledgeBackend):
             op_bank_path=self.directory,
         )
 
-    def _damaged(self, exc):
+    def _damaged(self, why):
         return errors.kb_error(
             errors.BANK_DAMAGED,
-            "The knowledge bank database %s is damaged (%s); move the file aside and import the last export "
-            "into a new bank." % (self.db_path, exc),
+            "The knowledge bank database %s is damaged (%s); move it aside with its -wal and -shm files, then "
+            "use the last backup as the bank, or import the last export into a new bank." % (self.db_path, why),
             op_bank_path=self.directory,
         )
 
@@ -415,13 +643,16 @@ class SqliteBackend(SqlKnowledgeBackend):
         return self.directory
 
     # --------------------------------------------------------------- helpers
-    def _storage_error(self, exc, action):
+    def _storage_error(self, exc, action, advice="check free space and permissions, and that no other process "
+                                                 "holds the bank locked for long"):
         if _is_damage(exc):
             return self._damaged(exc)
+        used_up = errors.descriptors_used_up()
+        if used_up:
+            return errors.out_of_descriptors("%s the knowledge bank %s" % (action, self.db_path), used_up)
         return errors.kb_error(
             errors.STORAGE_FAILURE,
-            "Could not %s the knowledge bank %s (%s); check free space and permissions, "
-            "and that no other process holds the bank locked for long." % (action, self.db_path, exc),
+            "Could not %s the knowledge bank %s (%s); %s." % (action, self.db_path, exc, advice),
             op_bank_path=self.directory,
         )
 

@@ -1,6 +1,7 @@
 """A stand-in knowledge base for the ovra-kb tests. Each call appends its name and arguments, as one JSON
 list, to the file that OVRA_KB_STAND_IN_LOG names; the calls that OVRA_KB_STAND_IN_FAIL lists ("init",
-"finalize", ... separated by commas) raise a RuntimeError carrying an error dictionary, as the real one does."""
+"finalize", ... or a keyword, separated by commas) raise a RuntimeError carrying an error dictionary, as the real
+one does."""
 import json
 import os
 
@@ -8,7 +9,7 @@ import os
 def _call(name, *args):
     with open(os.environ["OVRA_KB_STAND_IN_LOG"], "a", encoding="utf-8") as log:
         log.write(json.dumps([name] + list(args)) + "\n")
-    if name in os.environ.get("OVRA_KB_STAND_IN_FAIL", "").split(","):
+    if {name, args[0] if args else None} & set(os.environ.get("OVRA_KB_STAND_IN_FAIL", "").split(",")):
         raise RuntimeError({"errCode": "STAND_IN_E1", "message": "the stand-in refused %s" % name})
     return 0
 
