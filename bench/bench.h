@@ -69,6 +69,9 @@ int FillScalingBank(const StrMap &sysConfig, const std::string &bank);
 // Memory kept per call by each operation and outcome, with `calls` calls of each (kept.cpp).
 int RunKept(int calls);
 
+// The resident set of this process, from /proc/self/statm.
+long ResidentBytes();
+
 // Makes `count` calls; the only code that --ovra_mode=calls counts instructions in.
 std::uint32_t MeasuredCalls(const std::function<std::uint32_t()> &call, int count);
 

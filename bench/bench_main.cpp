@@ -434,21 +434,6 @@ std::function<std::uint32_t()> CallOf(const std::string &op, const Bridge &bridg
     return nullptr;
 }
 
-// The resident set of this process, from /proc/self/statm.
-long ResidentBytes()
-{
-    long pages = 0;
-    long resident = 0;
-    FILE *statm = fopen("/proc/self/statm", "r");
-    if (statm != nullptr) {
-        if (fscanf(statm, "%ld %ld", &pages, &resident) != 2) {
-            resident = 0;
-        }
-        fclose(statm);
-    }
-    return resident * sysconf(_SC_PAGESIZE);
-}
-
 // Page faults of this process served without I/O (first touches of fresh memory).
 long MinorFaults()
 {
@@ -532,6 +517,20 @@ std::string ShimVersion(const std::string &binDir)
 }
 
 }  // namespace
+
+long ResidentBytes()
+{
+    long pages = 0;
+    long resident = 0;
+    FILE *statm = fopen("/proc/self/statm", "r");
+    if (statm != nullptr) {
+        if (fscanf(statm, "%ld %ld", &pages, &resident) != 2) {
+            resident = 0;
+        }
+        fclose(statm);
+    }
+    return resident * sysconf(_SC_PAGESIZE);
+}
 
 // Kept out of line: under callgrind, only what runs inside this function is counted.
 __attribute__((noinline)) std::uint32_t MeasuredCalls(const std::function<std::uint32_t()> &call, int count)

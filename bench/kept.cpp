@@ -6,7 +6,6 @@
 // "kept OUTCOME TRACED_BYTES_PER_CALL RESIDENT_BYTES_PER_CALL".
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
-#include <unistd.h>
 
 #include <cstdio>
 
@@ -66,20 +65,6 @@ void RunPython(const char *statement)
     }
 }
 
-long ResidentBytesNow()
-{
-    long pages = 0;
-    long resident = 0;
-    FILE *statm = fopen("/proc/self/statm", "r");
-    if (statm != nullptr) {
-        if (fscanf(statm, "%ld %ld", &pages, &resident) != 2) {
-            resident = 0;
-        }
-        fclose(statm);
-    }
-    return resident * sysconf(_SC_PAGESIZE);
-}
-
 bool Calls(const Outcome &outcome, int count)
 {
     for (int i = 0; i < count; ++i) {
@@ -100,10 +85,10 @@ int RunKept(int calls)
     std::vector<long> resident;
     for (const Outcome &outcome : OUTCOMES) {
         long before = 0;
-        if (!Calls(outcome, warmUp) || (before = ResidentBytesNow(), !Calls(outcome, calls))) {
+        if (!Calls(outcome, warmUp) || (before = ResidentBytes(), !Calls(outcome, calls))) {
             return 1;
         }
-        resident.push_back(ResidentBytesNow() - before);
+        resident.push_back(ResidentBytes() - before);
     }
     RunPython("import tracemalloc; tracemalloc.start()");
     int traced = calls / 2;

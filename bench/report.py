@@ -652,6 +652,7 @@ def main():
     lines += report_scale.kept_section(versions, meta)
     lines += report_scale.import_section(results, meta)
     lines += analysis_section(versions, goals)
+    lines += report_scale.analysis_section(versions, goals, summarise, find, median_of)
     problems = [(v.info["version"], error) for v in versions for error in v.errors]
     if problems:
         lines += ["## Benchmarks that failed", ""] + ["- %s: %s" % problem for problem in problems] + [""]
