@@ -85,8 +85,8 @@ bool AttachDirectLookup(const std::string &bank, const StrMap &sysConfig)
 void DetachDirectLookup()
 {
     Gil gil;
-    PyObject *closed = g_namespace != nullptr ? PyRun_String("_conn.close()", Py_eval_input, g_namespace, g_namespace)
-                                              : nullptr;
+    PyObject *closed =
+        g_namespace != nullptr ? PyRun_String("_conn.close()", Py_eval_input, g_namespace, g_namespace) : nullptr;
     Py_XDECREF(closed);
     PyErr_Clear();
     g_sqlite3Exact = g_packageExact = nullptr;

@@ -44,9 +44,10 @@ long long TracedBytes()
 {
     Gil gil;
     PyObject *globals = PyDict_New();
-    PyObject *value = globals != nullptr ? PyRun_String("__import__('gc').collect() * 0 + "
-                                                        "__import__('tracemalloc').get_traced_memory()[0]",
-                                                        Py_eval_input, globals, globals)
+    PyObject *value = globals != nullptr ? PyRun_String(
+                                               "__import__('gc').collect() * 0 + "
+                                               "__import__('tracemalloc').get_traced_memory()[0]",
+                                               Py_eval_input, globals, globals)
                                          : nullptr;
     long long bytes = value != nullptr ? PyLong_AsLongLong(value) : -1;
     if (value == nullptr) {

@@ -29,7 +29,7 @@ struct SearchKind {
     size_t rows;
 };
 const SearchKind KINDS[] = {
-    {"scale_exact", &EXACT, 1}, {"scale_prefix500", &PREFIX, GROUP_SIZE}, {"scale_all2000", &ALL, GROUPS * GROUP_SIZE}};
+    {"scale_exact", &EXACT, 1}, {"scale_prefix500", &PREFIX, GROUP_SIZE}, {"scale_all2000", &ALL, GROUPS *GROUP_SIZE}};
 
 std::string Keyword(int group, int number)
 {
