@@ -54,6 +54,24 @@ PythonBuild ThisPython();
 void RegisterColdBenchmarks(const std::string &driver, const std::string &packageDir, const std::string &shimDir,
                             const std::string &shimVersion);
 
+// The exact search of the reference bank from Python in this process (direct_lookup.cpp): through the
+// package's entry points, and as the same query on a sqlite3 connection of its own. Attached once the library
+// has brought the package up; only their `search` is set.
+bool AttachDirectLookup(const std::string &bank, const StrMap &sysConfig);
+void DetachDirectLookup();
+const Bridge &PackageLookupBridge();
+const Bridge &Sqlite3LookupBridge();
+
+// Searches from many threads on the bank of 2,000 records that FillScalingBank writes (scaling.cpp).
+void RegisterScaling(const std::vector<int> &threads);
+int FillScalingBank(const StrMap &sysConfig, const std::string &bank);
+
+// Memory kept per call by each operation and outcome, with `calls` calls of each (kept.cpp).
+int RunKept(int calls);
+
+// The resident set of this process, from /proc/self/statm.
+long ResidentBytes();
+
 // Makes `count` calls; the only code that --ovra_mode=calls counts instructions in.
 std::uint32_t MeasuredCalls(const std::function<std::uint32_t()> &call, int count);
 

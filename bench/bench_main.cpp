@@ -3,8 +3,15 @@
 //
 // Own options (the rest go to Google Benchmark):
 //   --ovra_mode=ops          the minimal module of bench/pypkg (default)
-//   --ovra_mode=reference    the reference knowledge base of python/, on the bank of --ovra_bank
+//   --ovra_mode=reference    the reference knowledge base of python/, on the bank of --ovra_bank; its exact
+//                            search also from Python in this process, through the package and as a direct
+//                            sqlite3 query
 //   --ovra_mode=fill_bank    writes --ovra_records records into --ovra_bank through the library, then stops
+//   --ovra_mode=scaling      searches of the reference knowledge base from --ovra_threads native threads at
+//                            once, on the bank of --ovra_bank (a directory or a postgresql:// URL)
+//   --ovra_mode=fill_scaling writes the 2,000 records of that bank into --ovra_bank, then stops
+//   --ovra_mode=kept         memory kept per call by each operation and outcome of the reference package,
+//                            --ovra_calls calls each, on a new bank at --ovra_bank
 //   --ovra_mode=cold         cold start-up, one child process per repetition
 //   --ovra_mode=info         prints the CPython this program was built against, as JSON
 //   --ovra_init_thread=main|helper  the thread that initialises: this one (whose thread state is kept, so the
@@ -351,6 +358,10 @@ void RegisterOps(const Options &options)
 
 void RegisterReference(const Options &options)
 {
+    for (const Bridge *bridge : {&PackageLookupBridge(), &Sqlite3LookupBridge()}) {
+        Register(std::string("ref_exact/") + bridge->name, options.threads, ReferenceSearch, bridge, options.records,
+                 false);
+    }
     const Bridge *bridges[] = {&LibraryBridge(), &CApiBridge()};
     for (const Bridge *bridge : bridges) {
         std::string suffix = std::string("/") + bridge->name;
@@ -423,21 +434,6 @@ std::function<std::uint32_t()> CallOf(const std::string &op, const Bridge &bridg
     return nullptr;
 }
 
-// The resident set of this process, from /proc/self/statm.
-long ResidentBytes()
-{
-    long pages = 0;
-    long resident = 0;
-    FILE *statm = fopen("/proc/self/statm", "r");
-    if (statm != nullptr) {
-        if (fscanf(statm, "%ld %ld", &pages, &resident) != 2) {
-            resident = 0;
-        }
-        fclose(statm);
-    }
-    return resident * sysconf(_SC_PAGESIZE);
-}
-
 // Page faults of this process served without I/O (first touches of fresh memory).
 long MinorFaults()
 {
@@ -474,6 +470,30 @@ int RunCalls(const Options &options)
     return status == OvraKb::OVRA_KB_SUCCESS ? 0 : 1;
 }
 
+// The modes that call only through the library, from threads other than the initialising one.
+int RunOnReferenceBank(const Options &options)
+{
+    Session session;
+    std::uint32_t status = session.Open(true, REFERENCE_SYS_CONFIG, {{"op_bank_path", options.bank}});
+    if (status != OvraKb::OVRA_KB_SUCCESS) {
+        fprintf(stderr, "OvraKbInit answered %u\n", status);
+        return 1;
+    }
+    int code = 0;
+    if (options.mode == "kept") {
+        code = RunKept(options.calls);
+    } else {
+        RegisterScaling(options.threads);
+        benchmark::RunSpecifiedBenchmarks();
+    }
+    status = session.Close();
+    if (status != OvraKb::OVRA_KB_SUCCESS) {
+        fprintf(stderr, "OvraKbFinalize answered %u\n", status);
+        return 1;
+    }
+    return code;
+}
+
 std::string ShimDir()
 {
     const char *root = getenv("PYENV_ROOT");
@@ -497,6 +517,20 @@ std::string ShimVersion(const std::string &binDir)
 }
 
 }  // namespace
+
+long ResidentBytes()
+{
+    long pages = 0;
+    long resident = 0;
+    FILE *statm = fopen("/proc/self/statm", "r");
+    if (statm != nullptr) {
+        if (fscanf(statm, "%ld %ld", &pages, &resident) != 2) {
+            resident = 0;
+        }
+        fclose(statm);
+    }
+    return resident * sysconf(_SC_PAGESIZE);
+}
 
 // Kept out of line: under callgrind, only what runs inside this function is counted.
 __attribute__((noinline)) std::uint32_t MeasuredCalls(const std::function<std::uint32_t()> &call, int count)
@@ -534,8 +568,12 @@ int main(int argc, char **argv)
         return 2;
     }
     PutFirstOnPath(OVRA_BENCH_PYTHON_BIN_DIR);
-    bool reference = options.mode == "reference" || options.mode == "fill_bank";
-    setenv("PYTHONPATH", reference ? OVRA_BENCH_REFERENCE_DIR : OVRA_BENCH_PACKAGE_DIR, 1);
+    const std::vector<std::string> referenceModes = {"reference", "fill_bank", "scaling", "fill_scaling", "kept"};
+    bool reference = std::find(referenceModes.begin(), referenceModes.end(), options.mode) != referenceModes.end();
+    // Anything the run adds to the path (a PostgreSQL driver) comes after the package.
+    const char *extraPath = getenv("PYTHONPATH");
+    std::string path = reference ? OVRA_BENCH_REFERENCE_DIR : OVRA_BENCH_PACKAGE_DIR;
+    setenv("PYTHONPATH", (extraPath != nullptr && *extraPath != '\0' ? path + ":" + extraPath : path).c_str(), 1);
 
     if (options.mode == "info") {
         PythonBuild python = ThisPython();
@@ -557,6 +595,12 @@ int main(int argc, char **argv)
     if (options.mode == "fill_bank") {
         return FillBank(options);
     }
+    if (options.mode == "fill_scaling") {
+        return FillScalingBank(REFERENCE_SYS_CONFIG, options.bank);
+    }
+    if (options.mode == "scaling" || options.mode == "kept") {
+        return RunOnReferenceBank(options);
+    }
     if (options.mode != "ops" && options.mode != "reference" && options.mode != "calls") {
         fprintf(stderr, "unknown --ovra_mode=%s\n", options.mode.c_str());
         return 2;
@@ -572,6 +616,9 @@ int main(int argc, char **argv)
     }
     AttachCApi();
     AttachPybind11();
+    if (reference && !AttachDirectLookup(options.bank, REFERENCE_SYS_CONFIG)) {
+        return 1;
+    }
     if (options.mode == "calls") {
         int code = RunCalls(options);
         DetachPybind11();
@@ -584,6 +631,9 @@ int main(int argc, char **argv)
         RegisterOps(options);
     }
     benchmark::RunSpecifiedBenchmarks();
+    if (reference) {
+        DetachDirectLookup();
+    }
     DetachPybind11();
     DetachCApi();
     status = session.Close();

@@ -4,7 +4,8 @@
 
 RESULTS_DIR holds meta.json, load.txt and one directory per interpreter label with the Google Benchmark
 JSON files (ops_init_cpu*.json, ops_other_cpu*.json, ops_multi*.json, cold_cpu*.json,
-reference_cpu*.json), info.json, calls.tsv (instructions per call) and resident.tsv (bytes kept per call).
+reference_cpu*.json), info.json, calls.tsv (instructions per call) and resident.tsv (bytes kept per call),
+and what report_scale.py reads.
 Medians are taken over every repetition of every file of a kind (the single-thread files come from runs
 pinned to each CPU in turn).
 """
@@ -14,6 +15,8 @@ import json
 import os
 import statistics
 import sys
+
+import report_scale
 
 BRIDGES = ["library", "capi", "pybind11", "capi_mirror"]
 BRIDGE_TITLES = {
@@ -112,7 +115,8 @@ def ratio(a, b):
 
 
 def verdict(ok):
-    return "met" if ok else "**missed**"
+    """ok None: the goal does not apply there."""
+    return "" if ok is None else "met" if ok else "**missed**"
 
 
 class Version(object):
@@ -138,6 +142,7 @@ class Version(object):
         self.errors = errors(sorted(glob.glob(os.path.join(directory, "*.json"))))
         self.calls = self._table(os.path.join(directory, "calls.tsv"))
         self.resident = self._table(os.path.join(directory, "resident.tsv"))
+        self.scale = report_scale.ScaleResults(directory, repetitions)
         self.faults = self._table(os.path.join(directory, "resident.tsv"), 3)
 
     @staticmethod
@@ -256,7 +261,8 @@ def evaluate_goals(versions, meta):
         cells.append((fmt_time(value), value is not None and value < EXACT_LIMIT_US * 1e3))
     rows.append(("exact", "exact search on a %s-record bank < 100 µs (median)" % "{:,}".format(meta["records"]),
                  "initialising thread", cells))
-    return rows
+    return rows + report_scale.evaluate(versions, os.path.dirname(versions[0].dir), meta,
+                                        (find, median_of, ratio, fmt_time, fmt_ratio))
 
 
 def goals_section(versions, goals):
@@ -423,7 +429,7 @@ def reference_section(versions, meta):
 def summarise(goals, key, caller=None, versions=None):
     """"met", "missed", or where each was, for the cells of one goal (and caller)."""
     rows = [row for k, _goal, c, row in goals if k == key and (caller is None or c == caller)]
-    oks = [ok for row in rows for _text, ok in row]
+    oks = [ok for row in rows for _text, ok in row if ok is not None]
     if oks and all(oks):
         return "met"
     if oks and not any(oks):
@@ -431,7 +437,7 @@ def summarise(goals, key, caller=None, versions=None):
     if versions is None or len(rows) != 1:
         return "partly met"
     met = [v.info["version"] for v, (_text, ok) in zip(versions, rows[0]) if ok]
-    missed = [v.info["version"] for v, (_text, ok) in zip(versions, rows[0]) if not ok]
+    missed = [v.info["version"] for v, (_text, ok) in zip(versions, rows[0]) if ok is False]
     return "met on %s, missed on %s" % (", ".join(met), ", ".join(missed))
 
 
@@ -640,8 +646,13 @@ def main():
         lines += ops_section(v)
     lines += calls_section(versions)
     lines += cold_section(versions)
+    lines += report_scale.scaling_section(versions, meta, find, median_of, ratio, fmt_ratio)
     lines += reference_section(versions, meta)
+    lines += report_scale.lookup_section(versions, fmt_time, ratio, fmt_ratio)
+    lines += report_scale.kept_section(versions, meta)
+    lines += report_scale.import_section(results, meta)
     lines += analysis_section(versions, goals)
+    lines += report_scale.analysis_section(versions, goals, summarise, find, median_of)
     problems = [(v.info["version"], error) for v in versions for error in v.errors]
     if problems:
         lines += ["## Benchmarks that failed", ""] + ["- %s: %s" % problem for problem in problems] + [""]

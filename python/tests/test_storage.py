@@ -98,6 +98,28 @@ class SqliteBankTest(BankContract, KbTestCase):
         with self.database() as conn:
             conn.execute("PRAGMA user_version=%d" % number)
 
+    def test_scans_read_alike_as_one_json_text_row_by_row_and_when_that_text_would_be_too_long(self):
+        backend = self.open()
+        for number, keyword in enumerate(self.KEYWORDS):
+            backend.write(SCOPE, "Op" if number % 4 else "Mul", keyword, "v%d" % number, False)
+        scans = lambda: (backend.all(SCOPE, "Op"), backend.all(SCOPE, None), backend.prefix(SCOPE, "Op", "a", 5))
+        self.assertTrue(backend._json_scans, "this SQLite has its JSON functions")
+        as_json = scans()
+        self.assertEqual(keywords(as_json[0]), sorted(k for n, k in enumerate(self.KEYWORDS) if n % 4))
+
+        def texts_of_at_most_200_bytes():  # Connection.setlimit: CPython 3.11 on
+            for conn in backend._readers:
+                conn.setlimit(sqlite3.SQLITE_LIMIT_LENGTH, 200)
+
+        for name, change in (("row by row", lambda: setattr(backend, "_json_scans", False)),
+                             ("too long", texts_of_at_most_200_bytes)):
+            if name == "too long" and not hasattr(sqlite3.Connection, "setlimit"):
+                continue
+            with self.subTest(name):
+                backend._json_scans = True
+                change()
+                self.assertEqual(scans(), as_json)
+
     def test_an_empty_file_gets_the_schema_in_write_ahead_mode_and_durable_writes_sync_fully(self):
         os.makedirs(self.bank)
         with self.database():
@@ -198,6 +220,7 @@ time.sleep(120)
                 self.init()
                 interface.ovra_kb_write("old", "v", dict(ADD), 0)
                 harm()
+                # The write finds the file gone (a search alone does not look); every later call is refused.
                 for call in (lambda: interface.ovra_kb_write("k", "v", dict(ADD), 1), lambda: search("old", "Add")):
                     with self.assertKbError(errors.BANK_PATH_UNUSABLE) as caught:
                         call()

@@ -185,7 +185,7 @@ std::uint32_t RunChange(const ChangeMessages &messages, const StrMap &writeConfi
 enum class PollResult { NOT_FINISHED, FINISHED, CALL_FAILED, FLAG_FAILED, FINALISED };
 
 // One cycle of the search: asks the module once, under the lock, whether the task finished. The first poll
-// takes the lock at once; later ones, of a search that is waiting, take their turn behind the others.
+// takes its turn like the request; later ones, of a search that is waiting, take the lock at once.
 PollResult PollSearchOnce(PyObjectPtr &taskHandle, std::vector<StrMap> &results, GilGuard::Turn turn)
 {
     HandleManager &api = PyApi();
@@ -460,7 +460,7 @@ std::uint32_t OvraKbSearch(const std::string &keyword, const StrMap &searchConfi
         OVRA_KB_LOG(OVRA_LEVEL_ERROR, "Failed to call OvraKbSearchReq.");
         return status;
     }
-    for (GilGuard::Turn turn = GilGuard::Turn::AT_ONCE;; turn = GilGuard::Turn::QUEUED) {
+    for (GilGuard::Turn turn = GilGuard::Turn::IN_TURN;; turn = GilGuard::Turn::AT_ONCE) {
         switch (PollSearchOnce(taskHandle, results, turn)) {
             case PollResult::FINISHED:
                 return OVRA_KB_SUCCESS;

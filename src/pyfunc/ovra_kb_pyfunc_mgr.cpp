@@ -6,7 +6,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstdlib>
 #include <string>
 
@@ -311,69 +313,117 @@ Finalisation::~Finalisation()
 
 namespace {
 
-// Searches that wait for their task go to the interpreter lock one at a time, in the order they came: only the
-// first waits for the lock itself, the others each on a condition variable of their own. Dozens of waiting
-// searches that all poll for the interpreter lock every millisecond each ask its holder to give it up, and the
-// knowledge base's worker threads that run the long searches are then starved by them; here such a worker
-// competes with one of them at most, and passing the turn on wakes one thread, not all of them.
-class LockQueue {
+// The native threads that call the library take the interpreter lock in turns. CPython's lock wakes a thread
+// that waits for it at every release, and a thread asleep takes tens of microseconds to hand it to: with dozens
+// of callers waiting for it, every call paid for wake-ups and hand-overs, more callers made the whole slower,
+// and the knowledge base's worker threads, which give the lock back at every row they read, were starved.
+// Here one thread has the turn and takes the lock for its calls; the others wait for the turn in the order they
+// came, the first of them until a deadline, the rest asleep until they are first. The thread with the turn keeps
+// it from one call to its next as long as it calls again within IDLE of its last call, for SLICE at most while
+// others wait: calls made in a row take the lock again without a hand-over, and a thread that stops calling
+// holds the others up for IDLE at most.
+class CallerTurns {
   public:
-    void Enter()
+    // Returns when the calling thread has the turn.
+    void Take()
     {
         Waiter &self = tWaiter;
         std::unique_lock<std::mutex> lock(mutex_);
-        self.next = nullptr;
-        self.turn = head_ == nullptr;
-        (head_ == nullptr ? head_ : tail_->next) = &self;
-        tail_ = &self;
-        self.turnCame.wait(lock, [&self] { return self.turn; });
-    }
-
-    // The first in the queue has the interpreter lock now; the next one may start waiting for it.
-    void Leave()
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        head_ = head_->next;
-        if (head_ == nullptr) {
-            tail_ = nullptr;
+        Clock::time_point now = Clock::now();
+        if (holder_ == &self) {
+            if (first_ == nullptr || now - since_ < SLICE) {
+                last_ = now;
+                return;
+            }
+            PassToFirst(now);  // its slice is used up: it waits behind the others
+        } else if (first_ == nullptr && (holder_ == nullptr || now - last_ >= IDLE)) {
+            Hold(self, now);
             return;
         }
-        head_->turn = true;
-        head_->turnCame.notify_one();
+        WaitInLine(self, lock, now);
     }
 
   private:
+    using Clock = std::chrono::steady_clock;
+    // Well above the gap between two calls made in a row (a few microseconds), and short, since every thread
+    // that calls now and then, with work of its own in between, keeps the next one waiting that long.
+    static constexpr std::chrono::microseconds IDLE{50};
+    static constexpr std::chrono::microseconds SLICE{1000};
+
     struct Waiter {
-        std::condition_variable turnCame;
-        bool turn = false;
+        std::condition_variable wake;
+        bool hasTurn = false;
         Waiter *next = nullptr;
     };
+
+    void WaitInLine(Waiter &self, std::unique_lock<std::mutex> &lock, Clock::time_point now)
+    {
+        self.next = nullptr;
+        self.hasTurn = false;
+        (first_ == nullptr ? first_ : lastWaiter_->next) = &self;
+        lastWaiter_ = &self;
+        while (!self.hasTurn) {
+            if (first_ != &self) {
+                self.wake.wait(lock);
+                continue;
+            }
+            Clock::time_point due = holder_ == nullptr ? now : std::min(since_ + SLICE, last_ + IDLE);
+            if (now >= due) {
+                PassToFirst(now);
+                break;
+            }
+            self.wake.wait_until(lock, due);
+            now = Clock::now();
+        }
+    }
+
+    void Hold(Waiter &waiter, Clock::time_point now)
+    {
+        holder_ = &waiter;
+        since_ = last_ = now;
+    }
+
+    // The first waiting thread takes the turn; the next one becomes first and starts watching the deadline.
+    void PassToFirst(Clock::time_point now)
+    {
+        Waiter *taker = first_;
+        first_ = taker->next;
+        if (first_ == nullptr) {
+            lastWaiter_ = nullptr;
+        } else {
+            first_->wake.notify_one();
+        }
+        Hold(*taker, now);
+        taker->hasTurn = true;
+        taker->wake.notify_one();
+    }
+
     static thread_local Waiter tWaiter;
 
     std::mutex mutex_;
-    Waiter *head_ = nullptr;
-    Waiter *tail_ = nullptr;
+    // Compared, never followed: a thread that ended with the turn leaves it to the first waiter after IDLE.
+    Waiter *holder_ = nullptr;
+    Clock::time_point since_;  // when the holder got the turn
+    Clock::time_point last_;   // the holder's latest call
+    Waiter *first_ = nullptr;
+    Waiter *lastWaiter_ = nullptr;
 };
 
-thread_local LockQueue::Waiter LockQueue::tWaiter;
-LockQueue gLockQueue;
+thread_local CallerTurns::Waiter CallerTurns::tWaiter;
+CallerTurns gCallerTurns;
 
 }  // namespace
 
 GilGuard::GilGuard(Turn turn)
 {
     HandleManager &api = PyApi();
-    // A thread that holds the interpreter lock already (a Python host's) must not queue behind threads that wait
-    // for it.
-    bool queued = turn == Turn::QUEUED && api.PyGILState_Check() != 1;
-    if (queued) {
-        gLockQueue.Enter();
+    // A thread that holds the interpreter lock already (a Python host's) must not wait for a turn behind threads
+    // that wait for that lock.
+    if (turn == Turn::IN_TURN && api.PyGILState_Check() != 1) {
+        gCallerTurns.Take();
     }
     libraryOwnsState_ = OvraKbPyfuncMgr::KeepCallerThreadState();
     state_ = api.PyGILState_Ensure();
-    if (queued) {
-        gLockQueue.Leave();
-    }
 }
 
 GilGuard::~GilGuard()

@@ -109,9 +109,10 @@ class Finalisation {
 // thread's next call. A host's own thread state is left as the host's code expects it.
 class GilGuard {
   public:
-    // QUEUED: a search that waits for its task, which takes its turn behind the other waiting searches.
-    enum class Turn { AT_ONCE, QUEUED };
-    explicit GilGuard(Turn turn = Turn::AT_ONCE);
+    // IN_TURN: the calling threads take the lock in turns (see CallerTurns). AT_ONCE: the poll of a search that
+    // waits for its task, which must not wait for others' turns between two of its cycles.
+    enum class Turn { IN_TURN, AT_ONCE };
+    explicit GilGuard(Turn turn = Turn::IN_TURN);
     ~GilGuard();
     GilGuard(const GilGuard &) = delete;
     GilGuard &operator=(const GilGuard &) = delete;

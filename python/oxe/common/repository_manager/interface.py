@@ -30,7 +30,11 @@ from .tasks import TaskRegistry, WorkerPool
 # A prefix search with at most this many matches is answered at once; a
 # larger one is read again in full on a worker thread.
 INLINE_PREFIX_LIMIT = 256
-WORKER_THREADS = 2
+# One worker runs the scans one after another. The interpreter lock lets only one of them run Python at a
+# time anyway, and two give it to each other at every row they read (the sqlite3 module lets go of it for
+# each step), each hand-over waking a sleeping thread: with several scans queued, one worker finished them
+# all sooner.
+WORKER_THREADS = 1
 
 ALL_OP_TYPES = "*"
 
@@ -111,8 +115,18 @@ def _after_fork_in_child():
     _KB.forget_parent()
 
 
-if hasattr(os, "register_at_fork"):
+# Where Python runs fork hooks (3.7 on), a forked child forgets the parent's state once, at the fork; without
+# them (3.6), every call asks whether the process is still the one that set it up.
+CHECKS_FORK_AT_EVERY_CALL = not hasattr(os, "register_at_fork")
+if not CHECKS_FORK_AT_EVERY_CALL:
     os.register_at_fork(after_in_child=_after_fork_in_child)
+
+
+def _forget_parent_if_forked():
+    if _KB.pid != os.getpid():
+        # The storage fork gate was not renewed either, and its lock may have been held by another thread.
+        FORK_GATE.renew_in_child()
+        _KB.forget_parent()
 
 
 def _forget_locals(exc):
@@ -172,11 +186,8 @@ def _entry(function):
 
     @functools.wraps(function)
     def entry(*args):
-        if _KB.pid != os.getpid():
-            # A child forked without the fork hooks (a native fork, or a Python without them): the storage
-            # fork gate was not renewed either, and its lock may have been held by another thread.
-            FORK_GATE.renew_in_child()
-            _KB.forget_parent()
+        if CHECKS_FORK_AT_EVERY_CALL:
+            _forget_parent_if_forked()
         try:
             return function(*args)
         except BaseException as exc:

@@ -11,8 +11,10 @@ tolerate other processes using the same bank.
 """
 
 import functools
+import json
 import os
 import threading
+from threading import get_ident
 
 from .. import errors
 
@@ -24,36 +26,46 @@ class ForkGate(object):
     would find them held for ever.  Every storage call passes the gate; a fork closes it to new calls,
     waits until none is inside, and opens it again once the child exists.  A thread already inside (a
     storage call made by another one) passes at once.
+
+    A call first puts its thread on the list of those inside, then looks whether the gate is closed; a fork
+    first closes it, then looks who is inside.  Each step is one operation that the interpreter lock keeps
+    whole, so a call either sees the gate closed or is seen inside, and passing an open gate takes no lock.
     """
 
-    def __init__(self):
+    def __init__(self, inside=()):
         self._cond = threading.Condition(threading.Lock())
-        self._inside = 0
+        self._inside = list(inside)  # the thread of each call inside, once per call
         self._closed = False
-        self._depth = threading.local()
 
-    def __enter__(self):
-        depth = getattr(self._depth, "value", 0)
-        if depth == 0:
-            with self._cond:
-                while self._closed:
-                    self._cond.wait()
-                self._inside += 1
-        self._depth.value = depth + 1
+    def enter(self):
+        """Called before a storage call; answers what :meth:`leave` is to be given after it."""
+        me = get_ident()
+        self._inside.append(me)
+        if self._closed:
+            self._wait_while_closed(me)
+        return me
 
-    def __exit__(self, *exc):
-        self._depth.value -= 1
-        if self._depth.value == 0:
+    def leave(self, me):
+        self._inside.remove(me)
+        if self._closed:
             with self._cond:
-                self._inside -= 1
-                if not self._inside:
-                    self._cond.notify_all()
+                self._cond.notify_all()
+
+    def _wait_while_closed(self, me):
+        with self._cond:
+            if self._inside.count(me) > 1:
+                return  # inside a storage call already: the fork waits for that one to end
+            self._inside.remove(me)
+            self._cond.notify_all()
+            while self._closed:
+                self._cond.wait()
+            self._inside.append(me)
 
     def close_for_fork(self):
-        mine = 1 if getattr(self._depth, "value", 0) else 0  # a fork made from inside a storage call
+        me = get_ident()  # a fork may be made from inside a storage call
         with self._cond:
             self._closed = True
-            while self._inside > mine:
+            while len(self._inside) > self._inside.count(me):
                 self._cond.wait()
 
     def open_after_fork(self):
@@ -62,7 +74,9 @@ class ForkGate(object):
             self._cond.notify_all()
 
     def renew_in_child(self):
-        self.__init__()
+        # Only the forking thread lives on in the child, inside the storage calls it forked from, if any.
+        me = get_ident()
+        self.__init__([ident for ident in self._inside if ident == me])
 
 
 FORK_GATE = ForkGate()
@@ -76,8 +90,11 @@ def through_fork_gate(method):
 
     @functools.wraps(method)
     def gated(*args, **kwargs):
-        with FORK_GATE:
+        me = FORK_GATE.enter()
+        try:
             return method(*args, **kwargs)
+        finally:
+            FORK_GATE.leave(me)
 
     return gated
 
@@ -184,7 +201,8 @@ class SqlKnowledgeBackend(KnowledgeBackend):
     A subclass sets SQL_UPSERT, SQL_DELETE, SQL_EXACT, SQL_PREFIX_BOUNDED, SQL_PREFIX_OPEN,
     SQL_ALL_OF_TYPE, SQL_ALL_OF_SCOPE, SQL_EXPORT, SQL_CHIPS and NO_LIMIT (the LIMIT value that means none), and
     implements ``_modify(sql, params, durable)`` (the number of rows changed) and ``_query(sql, params)``
-    (the rows).
+    (the rows). A search's scan of many rows goes through ``_scan(sql, columns, params)``, which a backend
+    may make cheaper than ``_query``.
     """
 
     NO_LIMIT = None
@@ -221,6 +239,33 @@ class SqlKnowledgeBackend(KnowledgeBackend):
         """True when no record can hold these texts, so that a lookup need not ask the store."""
         return False
 
+    def _scan_as_json(self, sql, columns):
+        """The statement that selects the rows of ``sql`` as one JSON array of arrays, or None to read row by row."""
+        return None
+
+    def _scan(self, sql, columns, params):
+        """The rows of a search that may find many, in the statement's order; ``columns`` names what it selects.
+
+        Read as one JSON value where the backend can: the driver then hands the rows over in one piece, where it
+        would give the interpreter lock back at every row (sqlite3) or field (psycopg's Python implementation),
+        each time waking every thread that waits for the lock. The rows are sorted again, one comparison per row
+        when they came in order. Should that form fail (a result too long for one value), rows are read one by one.
+        """
+        as_json = self._scan_as_json(sql, columns)
+        if as_json is not None:
+            try:
+                found = self._query(as_json, params)
+            except RuntimeError as exc:
+                info = errors.error_info(exc)
+                if info is None or info["errCode"] != errors.STORAGE_FAILURE:
+                    raise
+            else:
+                value = found[0][0]
+                rows = json.loads(value) if isinstance(value, str) else value or []
+                rows.sort()
+                return rows
+        return self._query(sql, params)
+
     @through_fork_gate
     def write(self, scope, op_type, keyword, knowledge, durable):
         self._modify(self.SQL_UPSERT, (scope[0], scope[1], op_type, keyword, knowledge), durable)
@@ -246,9 +291,10 @@ class SqlKnowledgeBackend(KnowledgeBackend):
         upper = prefix_upper_bound(prefix)
         limit = self.NO_LIMIT if limit is None else int(limit)
         if upper is None:
-            found = self._query(self.SQL_PREFIX_OPEN, (soc, core, op_type, prefix, limit))
+            found = self._scan(self.SQL_PREFIX_OPEN, "keyword, knowledge", (soc, core, op_type, prefix, limit))
         else:
-            found = self._query(self.SQL_PREFIX_BOUNDED, (soc, core, op_type, prefix, upper, limit))
+            found = self._scan(self.SQL_PREFIX_BOUNDED, "keyword, knowledge",
+                               (soc, core, op_type, prefix, upper, limit))
         return [make_row(soc, core, op_type, keyword, knowledge) for keyword, knowledge in found]
 
     @through_fork_gate
@@ -257,9 +303,9 @@ class SqlKnowledgeBackend(KnowledgeBackend):
         if self._never_stored(soc, core, op_type or ""):
             return []
         if op_type is None:
-            found = self._query(self.SQL_ALL_OF_SCOPE, (soc, core))
+            found = self._scan(self.SQL_ALL_OF_SCOPE, "op_type, keyword, knowledge", (soc, core))
             return [make_row(soc, core, op, keyword, knowledge) for op, keyword, knowledge in found]
-        found = self._query(self.SQL_ALL_OF_TYPE, (soc, core, op_type))
+        found = self._scan(self.SQL_ALL_OF_TYPE, "keyword, knowledge", (soc, core, op_type))
         return [make_row(soc, core, op_type, keyword, knowledge) for keyword, knowledge in found]
 
     @through_fork_gate

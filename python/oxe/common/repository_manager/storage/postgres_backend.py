@@ -99,6 +99,8 @@ SQL_EXPORT = (
     "SELECT soc_version, core_num, op_type, keyword, knowledge FROM ovra_kb_records "
     "ORDER BY soc_version, core_num, op_type, keyword"
 )
+# A scan's rows as one JSON value: the driver reads one field instead of every field of every row.
+SQL_AS_JSON = "SELECT json_agg(json_build_array(%s) ORDER BY %s) FROM (%s) AS scan"
 SQL_READ_VERSION = "SELECT value FROM ovra_kb_meta WHERE name = 'schema_version'"
 SQL_WRITE_VERSION = (
     "INSERT INTO ovra_kb_meta (name, value) VALUES ('schema_version', %s) "
@@ -606,6 +608,9 @@ class PostgresBackend(SqlKnowledgeBackend):
 
     def _query(self, sql, params):
         return self._run(functools.partial(_rows_on, sql, params), "read")
+
+    def _scan_as_json(self, sql, columns):
+        return SQL_AS_JSON % (columns, columns, sql)
 
     def _never_stored(self, *texts):
         # PostgreSQL text cannot hold NUL, so no record has one.

@@ -74,6 +74,11 @@ SQL_ALL_OF_SCOPE = (
     "SELECT op_type, keyword, knowledge FROM records "
     "WHERE soc_version = ? AND core_num = ? ORDER BY op_type, keyword"
 )
+# A scan's rows as one JSON text, which SQLite builds in one step: the sqlite3 module gives the interpreter lock
+# back once per scan instead of at every row. SQLite does not promise to keep the rows' order in an aggregate.
+_SQL_AS_JSON = "SELECT json_group_array(json_array(%s)) FROM (%s)"
+_SQL_JSON_PROBE = "SELECT json_group_array(json_array(1, 'a'))"
+
 _SQL_EXPORT = (
     "SELECT soc_version, core_num, op_type, keyword, knowledge FROM records "
     "ORDER BY soc_version, core_num, op_type, keyword"
@@ -296,7 +301,10 @@ class SqliteBackend(SqlKnowledgeBackend):
         self._closed = True
         self._read_only = False
         self._read_uri = None
+        self._json_scans = False
         self._file_identity = None
+        # Set once the database file is found removed or replaced: every later call is refused.
+        self._gone = False
         self._companions = {}  # the -wal and -shm files beside the database at open, by path
 
     # ----------------------------------------------------------- life cycle
@@ -320,9 +328,11 @@ class SqliteBackend(SqlKnowledgeBackend):
             _remove_directories(created)
             raise
         self._file_identity = _identity(self.db_path)
+        self._gone = False
         self._companions = {path: _identity(path) for path in (self.db_path + "-wal", self.db_path + "-shm")
                             if os.path.exists(path)}
         self._closed = False
+        self._json_scans = self._has_json()
 
     def _open_writer(self):
         try:
@@ -647,15 +657,21 @@ class SqliteBackend(SqlKnowledgeBackend):
         )
 
     def _check_still_there(self):
-        # A write to a file that was removed would go to an inode that nothing names any more.
-        if not self._closed and not self.still_there():
-            raise errors.kb_error(
-                errors.BANK_PATH_UNUSABLE,
-                "The knowledge bank database %s was removed or replaced after the bank was opened, so nothing "
-                "was written or read; initialise the knowledge base again to open the bank anew, or set "
-                "op_bank_path to another directory." % self.db_path,
-                op_bank_path=self.directory,
-            )
+        """Before and after a change: a write to a file that was removed would go to an inode that nothing names
+        any more. Searches do not look (a stat would add a third to an exact search): they read the open bank
+        until a change or a new reader connection finds its file gone, and are refused from then on."""
+        if not self._closed and (self._gone or not self.still_there()):
+            self._gone = True
+            raise self._gone_error()
+
+    def _gone_error(self):
+        return errors.kb_error(
+            errors.BANK_PATH_UNUSABLE,
+            "The knowledge bank database %s was removed or replaced after the bank was opened, so nothing "
+            "was written or read; initialise the knowledge base again to open the bank anew, or set "
+            "op_bank_path to another directory." % self.db_path,
+            op_bank_path=self.directory,
+        )
 
     def _modify(self, sql, params, durable):
         with self._write_lock:
@@ -692,6 +708,8 @@ class SqliteBackend(SqlKnowledgeBackend):
         with self._pool_lock:
             if self._closed:
                 raise self._closed_error()
+            if self._gone:
+                raise self._gone_error()
             if self._readers:
                 return self._readers.pop()
         try:
@@ -699,6 +717,11 @@ class SqliteBackend(SqlKnowledgeBackend):
             conn.execute("PRAGMA query_only=1")
         except sqlite3.Error as exc:
             raise self._storage_error(exc, "read")
+        # A new connection opens whatever file the name holds now: it must be the bank's, like the others'.
+        if not self.still_there():
+            conn.close()
+            self._gone = True
+            raise self._gone_error()
         return conn
 
     def _release_reader(self, conn):
@@ -708,10 +731,31 @@ class SqliteBackend(SqlKnowledgeBackend):
                 return
         conn.close()
 
+    def _has_json(self):
+        """False for an SQLite built without its JSON functions (or a bank no reader can open yet)."""
+        try:
+            conn = self._acquire_reader()
+        except RuntimeError:
+            return False
+        try:
+            conn.execute(_SQL_JSON_PROBE).fetchall()
+        except sqlite3.Error:
+            return False
+        finally:
+            self._release_reader(conn)
+        return True
+
+    def _scan_as_json(self, sql, columns):
+        return _SQL_AS_JSON % (columns, sql) if self._json_scans else None
+
     def _query(self, sql, params):
-        self._check_still_there()
         conn = self._acquire_reader()
         try:
+            try:
+                return conn.execute(sql, params).fetchall()
+            except sqlite3.OperationalError as exc:
+                if not _is_busy(exc):
+                    raise
             return _retry(functools.partial(_fetch_all, conn, sql, params), time.monotonic() + self._busy_timeout)
         except sqlite3.Error as exc:
             raise self._storage_error(exc, "read")
