@@ -6,8 +6,9 @@ set(OVRA_KB_INSTALL_CMAKEDIR "${CMAKE_INSTALL_LIBDIR}/cmake/OvraKb")
 set(OVRA_KB_INSTALL_DOCDIR "${CMAKE_INSTALL_DATADIR}/doc/ovra-kb")
 
 set_target_properties(ovra_kb PROPERTIES EXPORT_NAME ovra_kb INSTALL_RPATH "$ORIGIN")
+set_target_properties(ovra_kb_c PROPERTIES EXPORT_NAME ovra_kb_c INSTALL_RPATH "$ORIGIN")
 set_target_properties(ovra_platform PROPERTIES EXPORT_NAME platform)
-install(TARGETS ovra_kb ovra_platform EXPORT OvraKbTargets
+install(TARGETS ovra_kb ovra_kb_c ovra_platform EXPORT OvraKbTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} NAMELINK_COMPONENT Development
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES include/ovra_kb/ovra_kb_api.h include/ovra_kb/ovra_kb_c.h include/ovra_kb/export.h "${PROJECT_BINARY_DIR}/include/ovra_kb/version.h"
@@ -31,8 +32,10 @@ install(FILES "${PROJECT_BINARY_DIR}/OvraKbConfig.cmake" "${PROJECT_BINARY_DIR}/
 # The .pc file finds the prefix from where it lies, however deep the library directory is.
 file(RELATIVE_PATH OVRA_KB_PC_TO_PREFIX "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
 string(REGEX REPLACE "/$" "" OVRA_KB_PC_TO_PREFIX "${OVRA_KB_PC_TO_PREFIX}")
-configure_file(cmake/templates/ovra_kb.pc.in "${PROJECT_BINARY_DIR}/ovra_kb.pc" @ONLY)
-install(FILES "${PROJECT_BINARY_DIR}/ovra_kb.pc" DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+foreach(pc IN ITEMS ovra_kb ovra_kb_c)
+  configure_file(cmake/templates/${pc}.pc.in "${PROJECT_BINARY_DIR}/${pc}.pc" @ONLY)
+endforeach()
+install(FILES "${PROJECT_BINARY_DIR}/ovra_kb.pc" "${PROJECT_BINARY_DIR}/ovra_kb_c.pc" DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 # The command finds the libraries beside it and the package under ../share/ovra_kb/python.
 if(TARGET ovra-kb)
@@ -73,7 +76,7 @@ set(CPACK_GENERATOR "DEB")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION "devel")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-# The package provides the two libraries to others (shlibs) and has the loader's cache renewed (trigger).
+# The package provides the three libraries to others (shlibs) and has the loader's cache renewed (trigger).
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 file(WRITE "${PROJECT_BINARY_DIR}/deb/triggers" "activate-noawait ldconfig\n")
 # The trigger is all the loader's cache needs. CPack would add postinst and postrm scripts that run ldconfig

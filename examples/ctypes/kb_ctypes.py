@@ -3,7 +3,7 @@ search it, print the rows, delete it.
 
     python3 kb_ctypes.py [LIBRARY] [BANK_DIR]
 
-LIBRARY defaults to libovra_kb.so.0 (found by the loader), BANK_DIR to a temporary folder that is
+LIBRARY defaults to libovra_kb_c.so.0 (found by the loader), BANK_DIR to a temporary folder that is
 removed at the end. The exit status is 0 when every call returned 0 and the search found the record.
 
 What a Python host must know:
@@ -109,7 +109,7 @@ def run(library, bank):
 
 
 def main(argv):
-    library = load(argv[1] if len(argv) > 1 else "libovra_kb.so.0")
+    library = load(argv[1] if len(argv) > 1 else "libovra_kb_c.so.0")
     if len(argv) > 2:
         return 0 if run(library, argv[2]) else 1
     bank = tempfile.mkdtemp(prefix="ovra-kb-ctypes-")

@@ -1,7 +1,8 @@
 /*
  * libovra_kb from C (C89 or later), C++, or any language that calls C functions (ctypes, Rust, Go).
  *
- * The same five operations as ovra_kb_api.h, in the same library (link -lovra_kb), with plain C
+ * The same five operations as ovra_kb_api.h, in libovra_kb_c.so over libovra_kb.so (link
+ * -lovra_kb_c -lovra_kb -lovra_platform, pkg-config ovra_kb_c, CMake OvraKb::ovra_kb_c), with plain C
  * types: configurations are arrays of OvraKbCPair with a count, texts are NUL-terminated UTF-8
  * strings, the flag is an int, and search rows come back in an OvraKbCResult that the caller
  * reads through the accessors below and releases with OvraKbCResultFree.
