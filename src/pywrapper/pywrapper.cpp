@@ -167,6 +167,10 @@ void PylistToVec(PyObject *pyObj, std::vector<StrMap> &out)
     }
     HandleManager &api = PyApi();
     Py_ssize_t size = api.PyList_Size(pyObj);
+    // One allocation for the rows of a long answer, instead of a dozen growths that each move every row so far.
+    if (size > 0) {
+        out.reserve(out.size() + static_cast<size_t>(size));
+    }
     for (Py_ssize_t i = 0; i < size; ++i) {
         PyObject *row = api.PyList_GetItem(pyObj, i);
         if (row == nullptr) {
