@@ -1,8 +1,9 @@
 # The CPython interpreters the tests run against, as "label=/path/to/python3" items.
 # Every shared-library CPython 3 under pyenv is used, plus the system's /usr/bin/python3.
-# Set OVRA_KB_TEST_PYTHONS on the command line to choose others. Without the tests nothing is probed.
+# Set OVRA_KB_TEST_PYTHONS on the command line to choose others. Without the tests and the benchmarks (which
+# choose theirs among these) nothing is probed.
 
-if(OVRA_KB_BUILD_TESTS)
+if(OVRA_KB_BUILD_TESTS OR OVRA_KB_BUILD_BENCH)
   if(NOT DEFINED OVRA_KB_TEST_PYTHONS)
     set(_pythons "")
     if(DEFINED ENV{PYENV_ROOT})
