@@ -12,6 +12,7 @@
 #include <condition_variable>
 #include <csignal>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -349,6 +350,40 @@ TEST_F(Threads, AFinalisationWhileEightThreadsCallLetsEachCallEndWithZeroOrThree
         EXPECT_EQ(others.load(), 0) << "round " << round;
     }
     EXPECT_EQ(CountEvents("OvraKbPyfuncMgr: PyObjectDeinit function end successfully!"), 3);
+}
+
+// Callers take the interpreter lock in turns, and a thread keeps its turn between calls made in a row. A thread
+// that stops calling (it waits for another caller, or it has ended) must not keep the others out: each row's
+// second caller gets through while the first is still waiting for it, or after the first has ended.
+TEST_F(Threads, AThreadThatStopsCallingOrEndsHoldsNoOtherCallerUp)
+{
+    ASSERT_EQ(OvraKbInit(SYS, LOAD), 0U);
+    for (bool firstEnds : {false, true}) {
+        std::promise<std::uint32_t> secondDone;
+        std::future<std::uint32_t> secondStatus = secondDone.get_future();
+        std::uint32_t firstStatus = 99;
+        std::thread first([&] {
+            firstStatus = OvraKbWrite("first", "text", OP, false);
+            if (!firstEnds) {
+                secondStatus.wait_for(std::chrono::seconds(60));
+            }
+        });
+        if (firstEnds) {
+            first.join();
+        }
+        std::thread second([&] { secondDone.set_value(OvraKbWrite("second", "text", OP, false)); });
+        if (secondStatus.wait_for(std::chrono::seconds(30)) != std::future_status::ready) {
+            ADD_FAILURE() << "the second caller still waits (first " << (firstEnds ? "ended" : "waiting") << ")";
+            std::_Exit(1);  // its thread cannot be joined
+        }
+        second.join();
+        if (!firstEnds) {
+            first.join();
+        }
+        EXPECT_EQ(firstStatus, 0U) << "first ends: " << firstEnds;
+        EXPECT_EQ(secondStatus.get(), 0U) << "first ends: " << firstEnds;
+    }
+    EXPECT_EQ(OvraKbFinalize(), 0U);
 }
 
 using Dispositions = std::vector<std::uintptr_t>;
