@@ -206,6 +206,9 @@ class SqlKnowledgeBackend(KnowledgeBackend):
     """
 
     NO_LIMIT = None
+    # True when the JSON form of a scan keeps the statement's order, collation included; else its rows are sorted
+    # again, by code point, which is the order of a bank whose text sorts as bytes.
+    JSON_SCAN_ORDERED = False
     # The newest schema this package reads, and what op_bank_path should name instead of a bank
     # whose schema is newer.
     SCHEMA_VERSION = 1
@@ -248,8 +251,9 @@ class SqlKnowledgeBackend(KnowledgeBackend):
 
         Read as one JSON value where the backend can: the driver then hands the rows over in one piece, where it
         would give the interpreter lock back at every row (sqlite3) or field (psycopg's Python implementation),
-        each time waking every thread that waits for the lock. The rows are sorted again, one comparison per row
-        when they came in order. Should that form fail (a result too long for one value), rows are read one by one.
+        each time waking every thread that waits for the lock. Unless JSON_SCAN_ORDERED, the rows are sorted again,
+        one comparison per row when they came in order. Should that form fail (a result too long for one value),
+        rows are read one by one.
         """
         as_json = self._scan_as_json(sql, columns)
         if as_json is not None:
@@ -262,7 +266,8 @@ class SqlKnowledgeBackend(KnowledgeBackend):
             else:
                 value = found[0][0]
                 rows = json.loads(value) if isinstance(value, str) else value or []
-                rows.sort()
+                if not self.JSON_SCAN_ORDERED:
+                    rows.sort()
                 return rows
         return self._query(sql, params)
 
