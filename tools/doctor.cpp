@@ -177,11 +177,6 @@ std::string ShimOwner(const std::string &path)
     return FileStart(path, 4096).find("pyenv\" exec") != std::string::npos ? "pyenv's shim" : "a script (a shim?)";
 }
 
-std::string DirOf(const std::string &path)
-{
-    return path.substr(0, path.rfind('/'));
-}
-
 std::string Milliseconds(double value)
 {
     return std::to_string(static_cast<long>(value + 0.5)) + " ms";
@@ -263,7 +258,7 @@ void Doctor::DescribePython(const std::string &onPath, const std::string &execut
                Milliseconds(std::max(0.0, throughShim - direct)) + " to each of the library's two queries (" +
                Milliseconds(throughShim) + " against " + Milliseconds(direct) + " direct): " +
                (python_.named ? "name " + executable + " in OVRA_KB_PYTHON"
-                              : "put " + DirOf(executable) + " first on PATH") +
+                              : "put " + DirName(executable) + " first on PATH") +
                " to save it" + (restartCrashes ? restartWarning : ""));
 }
 
@@ -343,7 +338,7 @@ std::string FolderOf(const std::string &file, const std::string &module)
 {
     std::string folder = file;
     for (std::size_t levels = std::count(module.begin(), module.end(), '.') + 1; levels > 0; --levels) {
-        folder = DirOf(folder);
+        folder = DirName(folder);
     }
     return folder;
 }

@@ -321,8 +321,11 @@ std::string UsageLine(Command command)
 {
     const CommandInfo *info = InfoOf(command);
     if (info == nullptr) {
-        return "usage: ovra-kb COMMAND [ARGS] [options] (commands: write, search, delete, import, export, stats, "
-               "backup, demo, doctor; see ovra-kb --help)";
+        std::string names;
+        for (const CommandInfo &each : kCommands) {
+            names += (names.empty() ? "" : ", ") + std::string(each.name);
+        }
+        return "usage: ovra-kb COMMAND [ARGS] [options] (commands: " + names + "; see ovra-kb --help)";
     }
     return "usage: ovra-kb " + std::string(info->synopsis);
 }

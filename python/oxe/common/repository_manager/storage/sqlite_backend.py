@@ -751,6 +751,7 @@ class SqliteBackend(SqlKnowledgeBackend):
     def _query(self, sql, params):
         conn = self._acquire_reader()
         try:
+            # Tried once before any retry is set up: a lookup is mostly this one statement, and seldom busy.
             try:
                 return conn.execute(sql, params).fetchall()
             except sqlite3.OperationalError as exc:
