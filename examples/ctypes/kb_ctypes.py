@@ -21,9 +21,9 @@ What a Python host must know:
   PyDLL the caller keeps the lock through the whole search, 1 ms sleeps included.
 - Every call blocks its thread until the knowledge base has answered. Any Python thread may call;
   the rules of ovra_kb_c.h hold (one finalisation per successful initialisation; the last one makes
-  the calls of other threads that are still running end with 3). A Ctrl-C that arrives during a call on the main thread is raised inside the
-  knowledge base's Python code, so that call fails (status 6) rather than raising KeyboardInterrupt
-  here: check every status.
+  the calls of other threads that are still running end with 3). A Ctrl-C that arrives during a
+  call on the main thread is raised inside the knowledge base's Python code, so that call fails
+  (status 6) rather than raising KeyboardInterrupt here: check every status.
 - Pass texts as str encoded to UTF-8, as this example does. This thread's state belongs to the
   interpreter, so a Python error that a refused call leaves pending (bytes that are not valid UTF-8
   give status 4; a knowledge base answering with the wrong type gives 6) stays on it, and ctypes

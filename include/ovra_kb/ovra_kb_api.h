@@ -38,9 +38,10 @@
  * handler and ignore the other two), and keeps them again across the interpreter's
  * finalisation. While the library brings the Python side up or down (its python3 queries
  * included), SIGINT is blocked on the calling thread: one that arrives is held and reaches the
- * host's own disposition once the start-up or tear-down is over, as if it had not been there. A multi-threaded host should block SIGINT on its other threads too (or handle it on
- * one thread of its own), since a signal sent to the process may reach any thread that does
- * not block it. A host that runs its own interpreter keeps whatever it set up.
+ * host's own disposition once the start-up or tear-down is over, as if it had not been there.
+ * A multi-threaded host should block SIGINT on its other threads too (or handle it on one
+ * thread of its own), since a signal sent to the process may reach any thread that does not
+ * block it. A host that runs its own interpreter keeps whatever it set up.
  *
  * Nothing a call leaves behind changes a later call: a Python error left pending by a refused
  * call is discarded when the call gives back a thread state this library owns (a native
