@@ -206,8 +206,8 @@ class SqlKnowledgeBackend(KnowledgeBackend):
     """
 
     NO_LIMIT = None
-    # True when the JSON form of a scan keeps the statement's order, collation included; else its rows are sorted
-    # again, by code point, which is the order of a bank whose text sorts as bytes.
+    # True when the JSON form of a scan gives the rows in the statement's order; else they are sorted again, by code
+    # point, which is the statements' order too (the banks compare their texts as bytes).
     JSON_SCAN_ORDERED = False
     # The newest schema this package reads, and what op_bank_path should name instead of a bank
     # whose schema is newer.

@@ -248,8 +248,7 @@ class PostgresBackend(SqlKnowledgeBackend):
     SQL_CHIPS = chips_sql(RECORDS_TABLE)
     SCHEMA_VERSION = SCHEMA_VERSION
     OTHER_BANK = "another database"
-    # json_agg's ORDER BY keeps the statement's order in the database's own collation, which a sort in Python
-    # would change wherever that collation is not the code points' order.
+    # json_agg's ORDER BY gives the rows in the statement's order already: no second sort.
     JSON_SCAN_ORDERED = True
 
     def __init__(self, location, pool_size=POOL_SIZE):
